@@ -1,0 +1,7 @@
+#include "platform/Ptr.h"
+
+namespace platform {
+
+std::atomic<bool> RefCounted::threadSafe_{ false };
+
+} // namespace platform
