@@ -23,8 +23,7 @@ class Clock {
 class ManualClock : public Clock {
  public:
    TimePoint now() const override { return now_; }
-   void advance( Duration by ) { now_ += by; }
-   void advance( Seconds by ) { now_ += std::chrono::duration_cast<Duration>( by ); }
+   void advance( Seconds by ) { now_ += std::chrono::round<Duration>( by ); }
 
  private:
    TimePoint now_{ std::chrono::seconds{ 1000 } };

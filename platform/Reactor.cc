@@ -30,6 +30,7 @@ class Reactor::Watch final : public EntityObserver {
    const std::shared_ptr<std::function<void( const void * )>> handler_;
 };
 
+Reactor::Reactor() = default;
 Reactor::~Reactor() = default;
 
 void Reactor::watchAdd( Ptr<const Entity> entity, const AttributeInfo & attribute,

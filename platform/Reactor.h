@@ -23,7 +23,7 @@ class Reactor : public RefCounted {
    virtual void notificationsEnabledIs( bool enabled ) { notificationsEnabled_ = enabled; }
 
  protected:
-   Reactor() = default;
+   Reactor();
 
    /// `handler` runs after each change of a scalar of `entity`.
    template<class E, class T>

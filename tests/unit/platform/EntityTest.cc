@@ -1,0 +1,235 @@
+#include "platform/Reactor.h"
+#include "platform/state/HmState.h"
+
+#include <gmock/gmock.h>
+
+using namespace platform;
+using HmState::NexthopGroupConfig;
+using HmState::NexthopGroupProbeConfig;
+using HmState::ProbeConfig;
+using HmState::ServerConfig;
+using testing::ElementsAre;
+
+namespace {
+
+IpGenAddr ip( std::string_view text ) {
+   return *IpGenAddr::fromText( text );
+}
+
+// Writes down what it is told, and runs what a test wants done at that moment.
+class Recorder : public Reactor {
+ public:
+   Recorder() { notificationsEnabledIs( true ); }
+   using Reactor::unwatchAll;
+   template<class E, class Attribute>
+   void follow( const Ptr<E> & entity, const Attribute & attribute, std::function<void()> then = {} ) {
+      if constexpr ( requires { attribute.kind(); } ) {
+         watch( Ptr<const E>( entity ), attribute,
+               [this, &attribute, then] { note( attribute.name(), then ); } );
+      } else {
+         watchKey( entity, attribute, then );
+      }
+   }
+   std::vector<std::string> seen;
+
+ private:
+   template<class E, class Key, class Base>
+   void watchKey(
+         const Ptr<E> & entity, const KeyedAttribute<E, Key, Base> & attribute, std::function<void()> then ) {
+      watch<E, Key, Base>( Ptr<const E>( entity ), attribute, [this, &attribute, then]( const Key & key ) {
+         note( attribute.name() + " " + attribute.keyText( &key ), then );
+      } );
+   }
+   void note( const std::string & what, const std::function<void()> & then ) {
+      seen.push_back( what );
+      if ( then ) {
+         then();
+      }
+   }
+};
+
+struct TreeLog final : TreeObserver {
+   void treeChanged(
+         const Entity & entity, const AttributeInfo & attribute, const std::string & key ) override {
+      lines.push_back( entity.path() + " " + attribute.name() + ( key.empty() ? "" : " " + key ) );
+   }
+   std::vector<std::string> lines;
+};
+
+} // namespace
+
+TEST( Entity, SettersNotifyOnceAndOnlyOnChange ) {
+   Ptr<ProbeConfig> config = new ProbeConfig;
+   Ptr<Recorder> recorder = new Recorder;
+   recorder->follow( config, ProbeConfig::globalUrlAttr() );
+   recorder->follow( config, ProbeConfig::nhgProbeConfigAttr() );
+   config->globalUrlIs( "http://10.0.0.1/" );
+   config->globalUrlIs( "http://10.0.0.1/" );
+   config->probeIntervalIs( Seconds{ 7 } );
+   const auto entry = config->nhgProbeConfigIs( "web" );
+   EXPECT_EQ( config->nhgProbeConfigIs( "web" ), entry );
+   config->nhgProbeConfigDel( "web" );
+   config->nhgProbeConfigDel( "web" );
+   recorder->notificationsEnabledIs( false );
+   config->globalUrlIs( "" );
+   EXPECT_THAT( recorder->seen, ElementsAre( "globalUrl", "nhgProbeConfig web", "nhgProbeConfig web" ) );
+}
+
+TEST( Entity, CollectionsMayChangeWhileTheyAreWalked ) {
+   Ptr<NexthopGroupConfig> group = new NexthopGroupConfig( "web" );
+   for ( const char * server : { "10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4" } ) {
+      group->serverIpIs( ip( server ) );
+   }
+   std::vector<std::string> walked;
+   for ( const auto & item : group->serverIpItems() ) {
+      walked.push_back( item.key.text() );
+      group->serverIpDel( ip( "10.0.0.1" ) ); // the one behind, then the one under us, and one ahead
+      group->serverIpDel( ip( "10.0.0.2" ) );
+      group->serverIpDel( ip( "10.0.0.3" ) );
+      group->serverIpIs( ip( "10.0.0.9" ) );
+   }
+   EXPECT_THAT( walked, ElementsAre( "10.0.0.1", "10.0.0.4", "10.0.0.9" ) );
+   std::vector<std::string> resumed;
+   for ( const auto & item : group->serverIpItems().from( ip( "10.0.0.5" ) ) ) {
+      resumed.push_back( item.key.text() );
+   }
+   EXPECT_THAT( resumed, ElementsAre( "10.0.0.9" ) );
+   group->serverIpDelAll();
+   EXPECT_EQ( group->serverIpCount(), 0u );
+}
+
+TEST( Entity, WatchersMayComeAndGoWhileTheyAreTold ) {
+   Ptr<ProbeConfig> config = new ProbeConfig;
+   Ptr<Recorder> late = new Recorder;
+   Ptr<Recorder> leaving = new Recorder;
+   Ptr<Recorder> last = new Recorder;
+   Ptr<Recorder> self = new Recorder;
+   // The first drops itself out of its own handler, ends the second's watch, and brings in a third.
+   self->follow( config, ProbeConfig::globalUrlAttr(), [&] {
+      leaving->unwatchAll();
+      late->follow( config, ProbeConfig::globalUrlAttr() );
+      self = nullptr;
+   } );
+   leaving->follow( config, ProbeConfig::globalUrlAttr() );
+   last->follow( config, ProbeConfig::globalUrlAttr() );
+   config->globalUrlIs( "http://10.0.0.1/" );
+   EXPECT_EQ( leaving->seen.size(), 0u );
+   EXPECT_EQ( last->seen.size(), 1u );
+   config->globalUrlIs( "http://10.0.0.2/" );
+   EXPECT_EQ( leaving->seen.size(), 0u );
+   EXPECT_EQ( last->seen.size(), 2u );
+   EXPECT_GE( late->seen.size(), 1u );
+   EXPECT_EQ( self, nullptr );
+}
+
+TEST( Entity, UpdateShowsSeveralAttributesAsOneChange ) {
+   Ptr<NexthopGroupProbeConfig> group = new NexthopGroupProbeConfig( "web" );
+   Ptr<Recorder> recorder = new Recorder;
+   std::string vipAtUrlChange;
+   recorder->follow(
+         group, NexthopGroupProbeConfig::httpUrlAttr(), [&] { vipAtUrlChange = group->vip().text(); } );
+   recorder->follow( group, NexthopGroupProbeConfig::vipAttr() );
+   {
+      const EntityUpdate update( *group );
+      group->httpUrlIs( "http://a/" );
+      group->httpUrlIs( "http://b/" );
+      group->vipIs( ip( "192.0.2.1" ) );
+      EXPECT_TRUE( recorder->seen.empty() );
+   }
+   EXPECT_THAT( recorder->seen, ElementsAre( "httpUrl", "vip" ) );
+   EXPECT_EQ( vipAtUrlChange, "192.0.2.1" );
+}
+
+TEST( Entity, TreeObserversSeeEveryChangeBelowThemByItsPath ) {
+   Ptr<ProbeConfig> config = new ProbeConfig;
+   config->rootPathIs( "probe" );
+   TreeLog log;
+   config->observeTree( log );
+   const auto group = config->nhgProbeConfigIs( "a/b" );
+   group->timeoutIs( 3 );
+   config->responseCodeRule()->patternIs( "5.." );
+   config->pingDisabledVipIs( ip( "2001:db8::1" ) );
+   config->nhgProbeConfigDel( "a/b" );
+   group->timeoutIs( 4 ); // no longer part of the tree
+   config->unobserveTree( log );
+   config->globalUrlIs( "http://x/" );
+   EXPECT_THAT( log.lines, ElementsAre( "probe nhgProbeConfig a/b", "probe/nhgProbeConfig/a%2Fb timeout",
+                                 "probe/responseCodeRule pattern", "probe pingDisabledVip 2001:db8::1",
+                                 "probe nhgProbeConfig a/b" ) );
+}
+
+TEST( EntityDescription, ListsAttributesInOrderAndReadsThemAsText ) {
+   std::vector<std::string> names;
+   for ( const auto * attribute : NexthopGroupProbeConfig::entityType().attributes() ) {
+      names.push_back( attribute->name() );
+   }
+   EXPECT_THAT( names, ElementsAre( "httpUrl", "tcpUrl", "probeInterval", "sslProfile", "vip", "disabled",
+                             "timeout", "retryDelay", "retryCount" ) );
+
+   Ptr<ProbeConfig> config = new ProbeConfig;
+   const auto * groups = ProbeConfig::entityType().attribute( "nhgProbeConfig" )->collection();
+   Ptr<Recorder> recorder = new Recorder;
+   std::string urlWhenSeen;
+   recorder->follow( config, ProbeConfig::nhgProbeConfigAttr(),
+         [&] { urlWhenSeen = config->nhgProbeConfig( "web" )->httpUrl(); } );
+   const auto entry = groups->entryNew( "web" );
+   const auto & type = groups->entryType();
+   EXPECT_EQ( type.attribute( "httpUrl" )->scalar()->textIs( *entry, "http://10.0.0.1/" ), std::nullopt );
+   EXPECT_EQ( type.attribute( "timeout" )->scalar()->textIs( *entry, "86401" ), "out of range 1..86400" );
+   EXPECT_EQ( type.attribute( "timeout" )->scalar()->text( *entry ), "10" );
+   EXPECT_EQ( type.attribute( "probeInterval" )->scalar()->defaultText(), "5" );
+   groups->insert( *config, "web", entry );
+   EXPECT_EQ( urlWhenSeen, "http://10.0.0.1/" ); // nobody saw it half filled
+   EXPECT_EQ( groups->nextKey( *config, std::nullopt ), "web" );
+   EXPECT_EQ( groups->nextKey( *config, "web" ), std::nullopt );
+   EXPECT_EQ( groups->keyCheck( "" ), "is empty" );
+
+   const auto * vips = ProbeConfig::entityType().attribute( "pingDisabledVip" )->set();
+   vips->insert( *config, "2001:DB8:0::1" );
+   EXPECT_TRUE( vips->has( *config, "2001:db8::1" ) );
+   EXPECT_EQ( vips->keyNormal( "2001:DB8:0::1" ), "2001:db8::1" );
+}
+
+TEST( EntityDescription, RefusesWhatIsOutOfBounds ) {
+   struct Case {
+      const char * attribute;
+      const char * text;
+      bool good;
+   };
+   const Case cases[] = {
+         { "monitoringEnabled", "true", true },
+         { "monitoringEnabled", "yes", false },
+         { "probeInterval", "0.1", true },
+         { "probeInterval", "0", false },
+         { "probeInterval", "-5", false },
+         { "probeInterval", "nan", false },
+         { "probeInterval", "1e400", false },
+         { "maxNumberOfThreads", "0", false },
+         { "maxNumberOfThreads", "65536", false },
+         { "maxNumberOfThreads", "99999999999999999999", false },
+         { "maxNumberOfThreads", "4 ", false },
+         { "niceValue", "-20", true },
+         { "niceValue", "20", false },
+         { "encapUdpDstPort", "0", false },
+         { "encapDstMac", "02:00:00:00:00:01", true },
+         { "encapDstMac", "02:00:00:00:00:0g", false },
+         { "encapDstMac", "0200.0000.0001", false },
+         { "globalUrl", "https://10.0.0.1:8443/x", true },
+         { "globalUrl", "ftp://10.0.0.1/", false },
+         { "globalUrl", "http://10.0.0.1/a b", false },
+   };
+   for ( const auto & c : cases ) {
+      const auto refusal = ProbeConfig::entityType().attribute( c.attribute )->scalar()->check( c.text );
+      EXPECT_EQ( !refusal.has_value(), c.good ) << c.attribute << " = " << c.text;
+   }
+}
+
+TEST( EntityPath, AnyKeyIsOneComponent ) {
+   for ( const std::string key : { "web", "Ethernet1/1", "a%b", "%2F", "\n\x7f", "naïve", "" } ) {
+      const auto escaped = pathEscape( key );
+      EXPECT_EQ( escaped.find( '/' ), std::string::npos );
+      EXPECT_EQ( pathUnescape( escaped ), key );
+   }
+   EXPECT_EQ( pathUnescape( "a%2" ), std::nullopt );
+   EXPECT_EQ( pathUnescape( "a%zz" ), std::nullopt );
+}
