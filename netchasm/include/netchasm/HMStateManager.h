@@ -55,9 +55,9 @@ class HMStateManager {
    /// known (or no longer known), also when they were before. False: the name or the set is empty, or an
    /// address is.
    [[nodiscard]] bool addStaticDNSAddress(
-         const std::string & hostName, std::set< HMIPAddress > & addresses );
+         const std::string & hostName, const std::set< HMIPAddress > & addresses );
    [[nodiscard]] bool removeStaticDNSAddress(
-         const std::string & hostName, std::set< HMIPAddress > & addresses );
+         const std::string & hostName, const std::set< HMIPAddress > & addresses );
 
    /// Sets or removes the firewall mark (SO_MARK) of all packets of a host's checks to this address, now or
    /// after a later reload. True as above. False: a name or the address is empty, or the mark is below 1.

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "netchasm/Config.h"
+#include "netchasm/HMCheckData.h"
+#include "netchasm/TimerHeap.h"
+#include "netchasm/TlsConnection.h"
+
+namespace netchasm {
+
+class Check;
+struct ConnectionPool;
+
+/// Where a host is reached. Chosen by the engine from the host's static addresses and marks.
+struct Target {
+   HMIPAddress address;    ///< empty: none known
+   std::uint32_t mark = 0; ///< 0: none
+
+   bool operator==( const Target & ) const = default;
+};
+
+/// One host of one host group. Made and freed by the thread that calls the engine, lent to one worker in
+/// between.
+struct Host {
+   enum class State : std::uint8_t {
+      quiet,   ///< lacks an address or its mark; no timer
+      waiting, ///< timer: `due`, or the next attempt of a retry
+      running, ///< `check` is under way; timer: its next time limit
+   };
+
+   explicit Host( std::string hostName ) : name{ std::move( hostName ) } {}
+
+   // Constant.
+   const std::string name;
+
+   // The thread that calls the engine.
+   std::size_t worker = 0;
+   std::uint64_t load = 0; ///< the last configuration load that named it
+
+   // The worker.
+   std::shared_ptr< const HostGroup > group;
+   Target target;
+   std::string authority; ///< the Host header's value for the target
+   ConnectionPool * pool = nullptr;
+   State state = State::quiet;
+   bool retrying = false; ///< this attempt follows a failed one
+   std::uint16_t retriesLeft = 0;
+   TimePoint due;   ///< of the check that comes next, or the last one that came due
+   TimePoint phase; ///< a point of the schedule, which is this and every interval before and after
+   Check * check = nullptr;
+   std::size_t timerIndex = TimerHeap< Host >::npos;
+   std::uint32_t numChecks = 0;
+   std::uint32_t numResponses = 0;
+   std::uint32_t numConnectFailures = 0;
+   std::uint32_t numFailures = 0;
+   std::uint32_t numTimeouts = 0;
+   TlsTicket ticket;
+
+   bool ready() const { return !target.address.empty() && ( !group->needsMark || target.mark != 0 ); }
+};
+
+} // namespace netchasm

@@ -1,0 +1,466 @@
+#include "netchasm/Worker.h"
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <fmt/format.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace netchasm {
+
+using std::chrono::milliseconds;
+
+namespace {
+
+const char * text( HM_REASON reason ) {
+   switch ( reason ) {
+   case HM_REASON_NONE:
+      return "answered";
+   case HM_REASON_NO_VERDICT:
+      return "not checked";
+   case HM_REASON_CONNECT_REFUSED:
+      return "connection refused";
+   case HM_REASON_UNREACHABLE:
+      return "unreachable";
+   case HM_REASON_CONNECT_TIMEOUT:
+      return "no connection in time";
+   case HM_REASON_CONNECT_ERROR:
+      return "no connection";
+   case HM_REASON_TLS_TIMEOUT:
+      return "TLS handshake not finished in time";
+   case HM_REASON_TLS_HANDSHAKE:
+      return "TLS handshake failed";
+   case HM_REASON_TLS_VERIFY:
+      return "certificate refused";
+   case HM_REASON_TLS_FILES:
+      return "certificate files cannot be used";
+   case HM_REASON_REPLY_TIMEOUT:
+      return "reply not complete in time";
+   case HM_REASON_REPLY_CLOSED:
+      return "connection ended before the reply was complete";
+   case HM_REASON_REPLY_MALFORMED:
+      return "reply is not HTTP";
+   case HM_REASON_REPLY_TOO_LARGE:
+      return "header block too large";
+   case HM_REASON_SETTINGS:
+      return "settings cannot be used";
+   }
+   return "?";
+}
+
+/// Trying again would meet the same.
+bool isFinal( HM_REASON reason ) {
+   return reason == HM_REASON_NO_VERDICT || reason == HM_REASON_TLS_FILES || reason == HM_REASON_SETTINGS;
+}
+
+} // namespace
+
+Worker::Worker(
+      unsigned number, const Log & log, SocketCalls & calls, std::shared_ptr< HMStorageObserver > observer )
+      : number_{ number },
+        log_{ log },
+        calls_{ calls },
+        observer_{ std::move( observer ) },
+        checks_{ calls, -1, {} },
+        faults_{ log },
+        spread_{ number * 7919ULL },
+        results_( resultsPerBatch ) {}
+
+Worker::~Worker() {
+   if ( thread_.joinable() ) {
+      {
+         const std::lock_guard lock{ mutex_ };
+         stop_ = true;
+      }
+      wake();
+      thread_.join();
+   }
+   for ( auto & pools : pools_ )
+      pools.clear();
+   if ( wakeUp_ >= 0 )
+      ::close( wakeUp_ );
+   if ( checks_.epoll >= 0 )
+      ::close( checks_.epoll );
+}
+
+bool Worker::start() {
+   checks_.epoll = ::epoll_create1( EPOLL_CLOEXEC );
+   wakeUp_ = ::eventfd( 0, EFD_CLOEXEC | EFD_NONBLOCK );
+   epoll_event event{};
+   event.events = EPOLLIN;
+   event.data.ptr = nullptr;
+   if ( checks_.epoll < 0 || wakeUp_ < 0 ||
+         ::epoll_ctl( checks_.epoll, EPOLL_CTL_ADD, wakeUp_, &event ) != 0 )
+      return false;
+   // Signals are for the threads of whoever embeds the engine.
+   sigset_t all, before;
+   ::sigfillset( &all );
+   ::pthread_sigmask( SIG_SETMASK, &all, &before );
+   int failure = 0;
+   try {
+      thread_ = std::thread{ [this] { run(); } };
+      ::pthread_setname_np( thread_.native_handle(), fmt::format( "netchasm/{}", number_ ).c_str() );
+   } catch ( const std::system_error & e ) {
+      failure = e.code().value();
+   }
+   ::pthread_sigmask( SIG_SETMASK, &before, nullptr );
+   errno = failure;
+   return failure == 0;
+}
+
+void Worker::post( std::vector< Command > commands ) {
+   {
+      const std::lock_guard lock{ mutex_ };
+      std::move( commands.begin(), commands.end(), std::back_inserter( mailbox_ ) );
+      ++asked_;
+   }
+   wake();
+}
+
+void Worker::settle() {
+   std::unique_lock lock{ mutex_ };
+   const std::uint64_t round = asked_;
+   settled_.wait( lock, [&] { return done_ >= round; } );
+}
+
+void Worker::wake() {
+   const std::uint64_t one = 1;
+   // The counter cannot overflow: the worker reads it back to zero.
+   static_cast< void >( !::write( wakeUp_, &one, sizeof( one ) ) );
+}
+
+void Worker::run() {
+   epoll_event events[256];
+   now_ = Clock::now();
+   nextTrim_ = now_ + trimPeriod;
+   while ( true ) {
+      const int timeoutMs = waitMs();
+      const int count = ::epoll_wait( checks_.epoll, events, std::size( events ), timeoutMs );
+      const TimePoint before = now_;
+      now_ = Clock::now();
+      stalled_ = timeoutMs >= 0 && now_ - before > milliseconds{ timeoutMs } + stallBound;
+      bool commands = false;
+      for ( int i = 0; i < count; ++i ) {
+         if ( !events[i].data.ptr ) {
+            commands = true;
+            continue;
+         }
+         auto & check = *static_cast< Check * >( events[i].data.ptr );
+         if ( const auto outcome = check.onEvents( events[i].events ) )
+            finish( *check.host(), *outcome );
+      }
+      runTimers();
+      flushResults();
+      if ( now_ >= nextTrim_ )
+         trimPools();
+      if ( commands ) {
+         takeCommands();
+         if ( stopped_ )
+            break;
+      }
+   }
+   abandonAll();
+}
+
+void Worker::abandonAll() {
+   while ( !timers_.empty() )
+      release( timers_.front(), false );
+}
+
+int Worker::waitMs() const {
+   TimePoint wakeAt = nextTrim_;
+   if ( !timers_.empty() )
+      wakeAt = std::min( wakeAt, atTick( timers_.earliest() ) );
+   const TimePoint now = Clock::now();
+   if ( wakeAt <= now )
+      return 0;
+   return static_cast< int >( std::chrono::ceil< milliseconds >( wakeAt - now ).count() );
+}
+
+void Worker::runTimers() {
+   std::size_t started = 0;
+   // Between ticks events are handled and nothing else: what is due then starts together at the next tick.
+   while ( !timers_.empty() && atTick( timers_.earliest() ) <= now_ && started < startsPerTurn ) {
+      Host & host = timers_.front();
+      if ( host.state == State::waiting ) {
+         ++started;
+         begin( host );
+      } else if ( const TimePoint deadline = host.check->deadline(); deadline > now_ ) {
+         timers_.schedule( host, deadline ); // connected meanwhile
+      } else {
+         Outcome outcome = host.check->timedOut();
+         if ( stalled_ )
+            outcome = { HM_RESPONSE_NOT_CHECKED, HM_REASON_NO_VERDICT, ETIME, "loop" };
+         finish( host, outcome );
+      }
+   }
+}
+
+void Worker::begin( Host & host ) {
+   if ( !host.retrying ) {
+      const Duration late = now_ - host.due;
+      delays_.count( late );
+      if ( late > lateBound( host.group->interval ) ) {
+         finish( host, { HM_RESPONSE_NOT_CHECKED, HM_REASON_NO_VERDICT, ETIME, "schedule" } );
+         return;
+      }
+      host.retriesLeft = host.group->retries;
+   }
+   auto check = takeCheck( *host.pool );
+   host.check = check.release();
+   host.state = State::running;
+   timers_.schedule( host, now_ + host.group->connectTimeout );
+   auto outcome = host.check->start( host, now_ );
+   if ( outcome && ( outcome->systemError == EMFILE || outcome->systemError == ENFILE ) && closeIdle() )
+      outcome = host.check->start( host, now_ );
+   if ( outcome )
+      finish( host, *outcome );
+}
+
+std::unique_ptr< Check > Worker::takeCheck( ConnectionPool & pool ) {
+   if ( pool.idle.empty() )
+      return std::make_unique< Check >( checks_, pool );
+   auto check = std::move( pool.idle.back() );
+   pool.idle.pop_back();
+   pool.leastIdle = std::min( pool.leastIdle, pool.idle.size() );
+   return check;
+}
+
+void Worker::finish( Host & host, const Outcome & outcome ) {
+   const bool answered = outcome.response == HM_RESPONSE_ANSWERED;
+   const bool retry = !answered && !isFinal( outcome.reason ) && host.retriesLeft > 0;
+   ++host.numChecks;
+   switch ( outcome.response ) {
+   case HM_RESPONSE_ANSWERED:
+      ++host.numResponses;
+      break;
+   case HM_RESPONSE_CONNECT_FAILURE:
+      ++host.numConnectFailures;
+      break;
+   case HM_RESPONSE_TIMEOUT:
+      ++host.numTimeouts;
+      break;
+   case HM_RESPONSE_NONE:
+   case HM_RESPONSE_FAILURE:
+   case HM_RESPONSE_NOT_CHECKED:
+      ++host.numFailures;
+      break;
+   }
+   report( host, host.check, outcome, retry ? HM_REASON_NO_VERDICT : outcome.reason );
+   if ( !answered )
+      logOutcome( host, host.check, outcome, !retry );
+   release( host, answered );
+   if ( retry ) {
+      --host.retriesLeft;
+      host.retrying = true;
+      wait( host, now_ + std::max< Duration >( host.group->retryDelay, tick ) );
+   } else {
+      waitForNext( host );
+   }
+}
+
+void Worker::report( const Host & host, const Check * check, const Outcome & outcome, HM_REASON reason ) {
+   if ( !observer_ )
+      return;
+   HMCheckData & data = results_[resultCount_];
+   data.m_hostName = host.name;
+   data.m_hostGroupName = host.group->name;
+   data.m_response = outcome.response;
+   data.m_reason = reason;
+   const bool answered = outcome.response == HM_RESPONSE_ANSWERED;
+   data.m_responseCode = answered ? check->response().statusCode() : 0;
+   if ( answered )
+      data.m_responsePayload = check->response().body();
+   else
+      data.m_responsePayload.clear();
+   data.m_numChecks = host.numChecks;
+   data.m_numResponses = host.numResponses;
+   data.m_numConnectFailures = host.numConnectFailures;
+   data.m_numFailures = host.numFailures;
+   data.m_numTimeouts = host.numTimeouts;
+   const Duration took = check ? now_ - check->started() : Duration{ 0 };
+   data.m_responseTimeMs = static_cast< std::uint32_t >( std::chrono::round< milliseconds >( took ).count() );
+   data.m_checkTime.setTime(
+         HMTimeStamp::now().getTimeSinceEpoch() -
+         static_cast< unsigned long >( std::chrono::floor< milliseconds >( took ).count() ) );
+   if ( ++resultCount_ == results_.size() )
+      flushResults();
+}
+
+void Worker::logOutcome( const Host & host, const Check * check, const Outcome & outcome, bool last ) {
+   if ( outcome.response == HM_RESPONSE_NOT_CHECKED && outcome.systemError != 0 ) {
+      const std::string what =
+            outcome.systemError == ETIME
+                  ? std::string{ "this machine is too slow for its checks, some have no verdict" }
+                  : fmt::format( "checks are held back: {}: {}", outcome.call,
+                          std::generic_category().message( outcome.systemError ) );
+      faults_.report( what, host.name, now_ );
+      return;
+   }
+   if ( !log_.enabled( HM_LOG_DETAIL ) )
+      return;
+   std::string detail;
+   if ( outcome.systemError != 0 )
+      detail = std::generic_category().message( outcome.systemError );
+   else if ( check &&
+             ( outcome.reason == HM_REASON_TLS_HANDSHAKE || outcome.reason == HM_REASON_TLS_VERIFY ) )
+      detail = check->detail();
+   log_.write( HM_LOG_DETAIL, "host {} in group {}: {}{}{}{}", host.name, host.group->name,
+         text( outcome.reason ), detail.empty() ? "" : ": ", detail, last ? "" : "; trying again" );
+}
+
+void Worker::flushResults() {
+   for ( std::size_t i = 0; i < resultCount_; ++i ) {
+      if ( !observer_->storeHostCheckResult( results_[i] ) )
+         faults_.report( "the storage observer refused a result", results_[i].m_hostName, now_ );
+   }
+   resultCount_ = 0;
+}
+
+void Worker::release( Host & host, bool answered ) {
+   std::unique_ptr< Check > check{ host.check };
+   host.check = nullptr;
+   timers_.cancel( host );
+   if ( check && check->release( answered ) )
+      check->home().idle.push_back( std::move( check ) );
+}
+
+void Worker::wait( Host & host, TimePoint when ) {
+   host.state = State::waiting;
+   timers_.schedule( host, when );
+}
+
+void Worker::waitForNext( Host & host ) {
+   host.retrying = false;
+   host.phase = host.due = nextDue( host.phase, now_, host.group->interval );
+   wait( host, host.due );
+}
+
+bool Worker::closeIdle() {
+   std::size_t closed = 0;
+   for ( auto & pools : pools_ ) {
+      for ( auto & [source, pool] : pools ) {
+         closed += pool.idle.size();
+         pool.idle.clear();
+         pool.leastIdle = 0;
+      }
+   }
+   return closed > 0;
+}
+
+void Worker::trimPools() {
+   nextTrim_ = now_ + trimPeriod;
+   for ( auto & pools : pools_ ) {
+      for ( auto & [source, pool] : pools ) {
+         // These were not needed once during the whole period.
+         pool.idle.resize( pool.idle.size() - std::min( pool.leastIdle, pool.idle.size() ) );
+         pool.leastIdle = pool.idle.size();
+      }
+   }
+}
+
+void Worker::takeCommands() {
+   std::uint64_t count = 0;
+   static_cast< void >( !::read( wakeUp_, &count, sizeof( count ) ) );
+   std::vector< Command > commands;
+   std::uint64_t round = 0;
+   {
+      const std::lock_guard lock{ mutex_ };
+      commands.swap( mailbox_ );
+      round = asked_;
+      stopped_ = stop_;
+   }
+   now_ = Clock::now();
+   for ( Command & command : commands )
+      execute( command );
+   {
+      const std::lock_guard lock{ mutex_ };
+      done_ = round;
+   }
+   settled_.notify_all();
+}
+
+void Worker::execute( Command & command ) {
+   Host & host = *command.host;
+   switch ( command.kind ) {
+   case Command::Kind::take:
+      host.group = std::move( command.group );
+      host.target = command.target;
+      if ( host.state == State::waiting )
+         timers_.schedule( host, host.due );
+      prepare( host );
+      return;
+   case Command::Kind::group:
+      regroup( host, command );
+      return;
+   case Command::Kind::target:
+      if ( host.target == command.target )
+         return;
+      abandon( host );
+      if ( host.retrying && host.target.address != command.target.address ) {
+         host.retrying = false;
+         host.due = now_;
+         timers_.schedule( host, now_ );
+      }
+      host.target = command.target;
+      prepare( host );
+      return;
+   case Command::Kind::drop:
+   case Command::Kind::move:
+      abandon( host );
+      timers_.cancel( host );
+      return;
+   }
+}
+
+void Worker::regroup( Host & host, Command & command ) {
+   const Duration interval = command.group->interval;
+   if ( interval < host.group->interval ) {
+      host.phase = dueAfterIntervalChange( host.phase, now_, interval );
+      if ( host.state == State::waiting && !host.retrying ) {
+         host.due = dueAfterIntervalChange( host.due, now_, interval );
+         timers_.schedule( host, host.due );
+      }
+   }
+   host.group = std::move( command.group );
+   host.retriesLeft = std::min( host.retriesLeft, host.group->retries );
+   if ( host.target != command.target ) {
+      abandon( host );
+      host.target = command.target;
+   }
+   prepare( host );
+}
+
+/// Ends a running check unreported; the host is then due at once.
+void Worker::abandon( Host & host ) {
+   if ( host.state != State::running )
+      return;
+   release( host, false );
+   host.due = now_;
+   wait( host, now_ );
+}
+
+/// Brings what follows from settings and target up to date, and the host's state in line with its readiness.
+void Worker::prepare( Host & host ) {
+   if ( !host.ready() ) {
+      abandon( host );
+      timers_.cancel( host );
+      host.state = State::quiet;
+      host.retrying = false;
+      return;
+   }
+   const HMIPAddress::Family family = host.target.address.family();
+   const HMIPAddress source = host.group->source.family() == family ? host.group->source : HMIPAddress{};
+   host.pool = &pools_[family == HMIPAddress::Family::ipv6][source];
+   host.authority = host.group->authority( host.target.address );
+   if ( host.state == State::quiet ) {
+      const FirstDue times = firstDue( now_, spreadFraction( spread_++ ), host.group->interval );
+      host.due = times.first;
+      host.phase = times.phase;
+      wait( host, host.due );
+   }
+}
+
+} // namespace netchasm
