@@ -1,0 +1,29 @@
+#pragma once
+
+#include "HealthMonitor/HmCommonData.h"
+
+#include <string>
+#include <string_view>
+
+/// Names that the agent and the engine share, and the URLs behind them.
+namespace hm {
+
+/// "http/NHG/ADDRESS" or "tcp/NHG/ADDRESS": the engine's name of one server of a group under one kind of
+/// check.
+std::string hostNameFromNhgAndServerIp(
+      const NexthopGroupName & nhgName, ProbeType probeType, const IpGenAddr & serverIp );
+/// "NHG-http" or "NHG-tcp": the engine's name of a host group.
+std::string hostGroupNameFromNhgAndProbeType( const NexthopGroupName & nhgName, ProbeType probeType );
+/// "(NHG: …, Server: …)", for traces.
+std::string ipNhgString( const IpNhgPair & pair );
+/// The kind of check of a name that hostNameFromNhgAndServerIp() made.
+ProbeType probeTypeFromHostName( const std::string & hostName );
+
+/// "http", "https" or "tcp" as the URL begins; empty for anything else.
+std::string getProbeTypeFromUrl( std::string_view url );
+/// The URL to probe for a group and a kind of check; empty: none. A group that sets no URL at all inherits
+/// the global one for HTTP.
+std::string getUrl(
+      const HmState::ProbeConfig & probeConfig, const NexthopGroupName & nhgName, ProbeType probeType );
+
+} // namespace hm

@@ -1,0 +1,66 @@
+#include "HealthMonitor/HmUtils.h"
+
+#include <gmock/gmock.h>
+
+namespace {
+
+using namespace hm;
+
+IpGenAddr ip( const char * text ) {
+   return IpGenAddr::fromText( text ).value();
+}
+
+TEST( HostNames, CarryProbeTypeGroupAndServerAndGiveTheProbeTypeBack ) {
+   EXPECT_EQ( hostNameFromNhgAndServerIp( "nhg1", ProbeType::http, ip( "10.1.1.1" ) ), "http/nhg1/10.1.1.1" );
+   const auto six = hostNameFromNhgAndServerIp( "a/b", ProbeType::tcp, ip( "2001:db8::1" ) );
+   EXPECT_EQ( six, "tcp/a/b/2001:db8::1" );
+   EXPECT_EQ( probeTypeFromHostName( six ), ProbeType::tcp );
+   EXPECT_EQ( probeTypeFromHostName( "http" ), ProbeType::http );
+   EXPECT_EQ( hostGroupNameFromNhgAndProbeType( "nhg1", ProbeType::tcp ), "nhg1-tcp" );
+   EXPECT_EQ( ipNhgString( { "nhg1", ip( "10.1.1.1" ) } ), "(NHG: nhg1, Server: 10.1.1.1)" );
+}
+
+TEST( HostNamesDeathTest, UnknownProbeTypesStopTheProcess ) {
+   EXPECT_DEATH( hostNameFromNhgAndServerIp( "n", ProbeType::probeTypeLast, {} ), "unknown probeType 2" );
+   EXPECT_DEATH( hostGroupNameFromNhgAndProbeType( "n", ProbeType::probeTypeLast ), "unknown probeType 2" );
+   EXPECT_DEATH(
+         probeTypeFromHostName( "https/n/1.1.1.1" ), "invalid probe type https in hostName https/n/1.1.1.1" );
+}
+
+TEST( ProbeTypeOfUrl, IsTheSchemeWhenItIsOneOfOursInLowerCase ) {
+   const std::pair<const char *, const char *> rows[] = { { "https://a/", "https" }, { "http", "http" },
+         { "tcp:whatever", "tcp" }, { "HTTP://a/", "" }, { "ftp://a/", "" }, { "", "" }, { ":http", "" } };
+   for ( const auto & [url, type] : rows ) {
+      EXPECT_EQ( getProbeTypeFromUrl( url ), type ) << url;
+   }
+}
+
+TEST( UrlOfGroup, GlobalUrlServesOnlyGroupsWithoutAnyUrl ) {
+   const Ptr<HmState::ProbeConfig> config = new HmState::ProbeConfig();
+   config->globalUrlIs( "http://global/" );
+   config->nhgProbeConfigIs( "tcpOnly" )->tcpUrlIs( "tcp://h:1" );
+   config->nhgProbeConfigIs( "httpOnly" )->httpUrlIs( "http://own/" );
+   config->nhgProbeConfigIs( "neither" );
+   const struct {
+      const char * nhg;
+      const char * http;
+      const char * tcp;
+   } rows[] = { { "tcpOnly", "", "tcp://h:1" }, { "httpOnly", "http://own/", "" },
+         { "neither", "http://global/", "" }, { "unconfigured", "http://global/", "" } };
+   for ( const auto & row : rows ) {
+      EXPECT_EQ( getUrl( *config, row.nhg, ProbeType::http ), row.http ) << row.nhg;
+      EXPECT_EQ( getUrl( *config, row.nhg, ProbeType::tcp ), row.tcp ) << row.nhg;
+      EXPECT_EQ( getUrl( *config, row.nhg, ProbeType::probeTypeLast ), "" ) << row.nhg;
+   }
+}
+
+TEST( IpNhgPairs, AreOrderedByAddressThenName ) {
+   const IpNhgPair low{ "b", ip( "10.0.0.1" ) };
+   EXPECT_LT( low, ( IpNhgPair{ "a", ip( "10.0.0.2" ) } ) );
+   EXPECT_LT( ( IpNhgPair{ "a", ip( "10.0.0.1" ) } ), low );
+   EXPECT_EQ( std::hash<IpNhgPair>{}( low ), std::hash<IpNhgPair>{}( { "b", ip( "10.0.0.1" ) } ) );
+   EXPECT_FALSE( IpNhgPair{} );
+   EXPECT_TRUE( ( IpNhgPair{ "a", {} } ) );
+}
+
+} // namespace
