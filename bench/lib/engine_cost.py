@@ -11,8 +11,8 @@ from servers import Nginx, make_certificates
 LOADS = (
    ( "HTTP", "http", 2048, None ),
    ( "TCP", "tcp", 2048, None ),
-   ( "HTTPS, TLS 1.3", "https", 512, "TLSv1.2 TLSv1.3" ),
-   ( "HTTPS, TLS 1.2", "https", 512, "TLSv1.2" ),
+   ( "HTTPS, TLS 1.3", "https", 384, "TLSv1.2 TLSv1.3" ),
+   ( "HTTPS, TLS 1.2", "https", 384, "TLSv1.2" ),
 )
 PEERS = ( BareLoop, Haproxy, TunedLoop, Engine )
 ALL_SERVERS_MET = 2.5 # seconds after which every server has been checked at least once

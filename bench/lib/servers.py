@@ -28,7 +28,7 @@ def settle( core ):
    """For a process about to start: pins it, and where that is allowed puts it ahead of others who are busy here."""
    os.sched_setaffinity( 0, { core } )
    try:
-      os.nice( -10 )
+      os.nice( -20 )
    except PermissionError:
       pass
 
