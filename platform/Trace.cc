@@ -51,6 +51,13 @@ std::string_view baseName( std::string_view path ) {
    return path.substr( path.rfind( '/' ) + 1 );
 }
 
+std::optional<unsigned> levelFromText( std::string_view text ) {
+   unsigned level = 0;
+   const auto [ end, error ] = std::from_chars( text.data(), text.data() + text.size(), level );
+   const bool read = error == std::errc{} && end == text.data() + text.size();
+   return read && level <= TraceFacility::maxLevel ? std::optional( level ) : std::nullopt;
+}
+
 } // namespace
 
 Ptr<TraceFacility> TraceFacility::find( std::string_view name ) {
@@ -116,20 +123,13 @@ std::optional<std::uint16_t> traceLevelsFromText( std::string_view text ) {
    std::uint16_t levels = 0;
    while ( true ) {
       const auto item = text.substr( 0, text.find( ',' ) );
-      unsigned first = 0, last = 0;
-      const char * const end = item.data() + item.size();
-      auto [at, error] = std::from_chars( item.data(), end, first );
-      last = first;
-      if ( error == std::errc{} && at != end && *at == '-' ) {
-         std::tie( at, error ) = [&] {
-            const auto result = std::from_chars( at + 1, end, last );
-            return std::pair( result.ptr, result.ec );
-         }();
-      }
-      if ( error != std::errc{} || at != end || first > last || last > TraceFacility::maxLevel ) {
+      const auto dash = item.find( '-' );
+      const auto first = levelFromText( item.substr( 0, dash ) );
+      const auto last = dash == item.npos ? first : levelFromText( item.substr( dash + 1 ) );
+      if ( !first || !last || *first > *last ) {
          return std::nullopt;
       }
-      for ( unsigned level = first; level <= last; ++level ) {
+      for ( unsigned level = *first; level <= *last; ++level ) {
          levels |= static_cast<std::uint16_t>( 1u << level );
       }
       if ( item.size() == text.size() ) {
