@@ -35,7 +35,8 @@ HttpResponse::State HttpResponse::feed( std::string_view bytes ) {
       if ( state_ != State::incomplete )
          break;
       if ( used < piece || HTTP_PARSER_ERRNO( &parser_ ) != HPE_OK ) {
-         state_ = State::malformed;
+         // The parser has bounds of its own for what surrounds chunks.
+         state_ = HTTP_PARSER_ERRNO( &parser_ ) == HPE_HEADER_OVERFLOW ? State::tooLarge : State::malformed;
          break;
       }
       bytes.remove_prefix( used );
@@ -63,7 +64,8 @@ int HttpResponse::onHeadersComplete( http_parser * parser ) {
       return -1;
    }
    self.inBody_ = parser->status_code >= 200;
-   return 0;
+   // 1: no body follows, whatever the header fields say.
+   return !self.inBody_ || parser->status_code == 204 || parser->status_code == 304 ? 1 : 0;
 }
 
 int HttpResponse::onBody( http_parser * parser, const char * at, std::size_t length ) {

@@ -11,7 +11,7 @@ Duration scaled( Duration duration, double fraction ) {
 } // namespace
 
 Duration lateBound( Duration interval ) {
-   return std::min< Duration >( interval, std::chrono::seconds{ 5 } );
+   return std::clamp< Duration >( interval, std::chrono::seconds{ 1 }, std::chrono::seconds{ 5 } );
 }
 
 double spreadFraction( std::uint64_t n ) {

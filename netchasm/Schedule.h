@@ -17,7 +17,8 @@ inline constexpr std::chrono::milliseconds tick{ 4 };
 /// meanwhile says nothing about the servers.
 inline constexpr std::chrono::seconds stallBound{ 1 };
 
-/// A check whose turn comes this long after its due time is given up for this time.
+/// A check whose turn comes more than this after its due time is given up for this time: one interval, but at
+/// least one second and at most five.
 Duration lateBound( Duration interval );
 
 /// The n-th of a sequence of fractions in [0, 1) that at every length covers the unit interval evenly.

@@ -135,6 +135,9 @@ TlsConnection::Step TlsConnection::failure( int result ) {
 
 void TlsConnection::end( bool sound ) {
    if ( ssl_ ) {
+      // Quiet: only marks the connection as ended in order, without which its session counts as broken.
+      if ( sound )
+         SSL_shutdown( ssl_ );
       SSL_free( ssl_ );
       ssl_ = nullptr;
    }

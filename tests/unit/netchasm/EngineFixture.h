@@ -1,0 +1,94 @@
+#pragma once
+
+#include "netchasm/Engine.h"
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <string>
+#include <vector>
+
+/// How long a test waits for what must come; only a failing test waits that long.
+inline constexpr std::chrono::seconds patience{ 30 };
+
+/// Collects the results.
+class Results : public HMStorageObserver {
+ public:
+   bool storeHostCheckResult( HMCheckData & data ) override;
+   /// The first result that fits, of those not looked at before by this function; fails the test when none
+   /// comes.
+   HMCheckData next( const std::function< bool( const HMCheckData & ) > & fits );
+   HMCheckData next( const std::string & host );
+   /// Waits until the host has this many results in all.
+   void await( const std::string & host, std::size_t count );
+   std::size_t count( const std::string & host );
+   std::vector< HMCheckData > all();
+
+ private:
+   std::mutex mutex_;
+   std::condition_variable came_;
+   std::vector< HMCheckData > results_;
+   std::size_t looked_ = 0;
+};
+
+class LogLines : public HMLogBase {
+ public:
+   void rotate() override {}
+   bool openLog( std::string ) override { return !refuse; }
+   void closeLog() override { ++closed; }
+   void writeLog( LogEntry * entry ) override;
+   std::size_t count( const std::string & part );
+   std::string all();
+
+   std::atomic< bool > refuse = false;
+   std::atomic< int > closed = 0;
+
+ private:
+   std::mutex mutex_;
+   std::vector< std::string > lines_;
+};
+
+/// A host group as the host configuration file has it. Checks come every 50 ms unless told otherwise.
+struct TestGroup {
+   explicit TestGroup( std::string groupName ) : name{ std::move( groupName ) } {}
+   TestGroup & type( std::string value ) { return checkType = std::move( value ), *this; }
+   TestGroup & port( unsigned value ) { return checkPort = value, *this; }
+   TestGroup & interval( unsigned ms ) { return ttl = ms, *this; }
+   TestGroup & timeout( unsigned ms ) { return timeoutMs = ms, *this; }
+   TestGroup & retries( unsigned value ) { return checkRetries = value, *this; }
+   TestGroup & with( const std::string & line ) { return more += "  " + line + "\n", *this; }
+   TestGroup & host( const std::string & value ) { return hosts.push_back( value ), *this; }
+   std::string yaml() const;
+
+   std::string name, checkType = "http", more;
+   unsigned checkPort = 80, ttl = 50, timeoutMs = 5000, checkRetries = 0;
+   std::vector< std::string > hosts;
+};
+
+class EngineFixture : public testing::Test {
+ protected:
+   EngineFixture();
+   ~EngineFixture() override;
+
+   std::string file( const std::string & name, const std::string & content );
+   /// The two files; returns the master's path.
+   std::string files( const std::vector< TestGroup > & groups,
+         const std::string & masterLines = "connectiontimeout: 3000\n" );
+
+   void start( const std::vector< TestGroup > & groups,
+         const std::string & masterLines = "connectiontimeout: 3000\n" );
+   [[nodiscard]] bool reload( const std::vector< TestGroup > & groups );
+   void address( const std::string & host, const std::string & text = "127.0.0.1" );
+   static HMIPAddress ip( const std::string & text );
+
+   /// Starts with one host "h" in one group and returns its first result.
+   HMCheckData check( const TestGroup & group, const std::string & hostAddress = "127.0.0.1" );
+
+   std::filesystem::path directory;
+   std::shared_ptr< Results > results = std::make_shared< Results >();
+   std::shared_ptr< LogLines > log = std::make_shared< LogLines >();
+   std::unique_ptr< netchasm::Engine > engine = std::make_unique< netchasm::Engine >();
+};
