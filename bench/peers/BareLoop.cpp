@@ -80,6 +80,9 @@ struct Loop {
       SSL_free( check.ssl );
       close( check.fd );
       check = {};
+      if ( tls && !good ) {
+         ERR_clear_error(); // what is left there would be taken for an error of the next connection
+      }
       ++( good ? counts.good : counts.bad );
    }
 

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <netinet/in.h>
+#include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <string>
 #include <string_view>
