@@ -1,14 +1,25 @@
-// libstdc++ reads this where it builds the automaton; no other source of ours may include <regex>.
-#define _GLIBCXX_REGEX_STATE_LIMIT 1024
+#include <cstddef>
+
+namespace platform {
+namespace {
+thread_local std::size_t statesCompiled; // of the automaton that is being built
+}
+} // namespace platform
+
+// libstdc++ reads this where it adds a state to the automaton, whose size() is in scope there; no other
+// source of ours may include <regex>.
+#define _GLIBCXX_REGEX_STATE_LIMIT \
+   ( ::platform::statesCompiled = this->size(), ::platform::BoundedRegex::maxStates )
 
 #include "platform/BoundedRegex.h"
+
+#include <algorithm>
+#include <iterator>
 
 #include <fmt/format.h>
 #include <regex>
 
 namespace platform {
-
-static_assert( BoundedRegex::maxStates == _GLIBCXX_REGEX_STATE_LIMIT );
 
 namespace {
 
@@ -26,7 +37,10 @@ const char * whyRefused( std::regex_constants::error_type code ) {
    if ( code == error_space || code == error_stack ) {
       return "it unfolds into too large an automaton";
    }
-   if ( code == error_paren || code == error_brack || code == error_brace ) {
+   if ( code == error_paren ) {
+      return "a round bracket has no partner, or a repetition has nothing to repeat";
+   }
+   if ( code == error_brack || code == error_brace ) {
       return "a bracket is not closed";
    }
    if ( code == error_badrepeat || code == error_badbrace || code == error_range ) {
@@ -35,11 +49,83 @@ const char * whyRefused( std::regex_constants::error_type code ) {
    return "it is not a regular expression (ECMAScript grammar)";
 }
 
+/// What is left of one match, and where the text ends: moved up when nothing is left.
+struct Work {
+   long stepsLeft;
+   long stepsACharacter;
+   const char * end;
+};
+
+/// Walks a text and counts what the executor does: it reads a character once for every live state and moves
+/// on once for all of them. The text may end only at a move, so that every state sees the same end.
+class CountingIterator {
+ public:
+   using iterator_category = std::bidirectional_iterator_tag;
+   using value_type = char;
+   using difference_type = std::ptrdiff_t;
+   using pointer = const char *;
+   using reference = const char &;
+
+   CountingIterator() = default;
+   CountingIterator( const char * at, Work * work ) : at_( at ), work_( work ) {}
+
+   const char & operator*() const {
+      --work_->stepsLeft;
+      return *at_;
+   }
+   CountingIterator & operator++() {
+      ++at_;
+      work_->stepsLeft -= work_->stepsACharacter;
+      if ( work_->stepsLeft <= 0 ) {
+         work_->end = std::min( work_->end, at_ );
+      }
+      return *this;
+   }
+   CountingIterator & operator--() {
+      --at_;
+      return *this;
+   }
+   CountingIterator operator++( int ) {
+      const auto before = *this;
+      ++*this;
+      return before;
+   }
+   CountingIterator operator--( int ) {
+      const auto before = *this;
+      --*this;
+      return before;
+   }
+   friend bool operator==( const CountingIterator & a, const CountingIterator & b ) {
+      return a.place() == b.place();
+   }
+
+ private:
+   const char * place() const { return work_ ? std::min( at_, work_->end ) : at_; }
+
+   const char * at_ = nullptr;
+   Work * work_ = nullptr;
+};
+
+struct Automaton {
+   std::regex regex;
+   std::size_t states = 0;
+
+   explicit Automaton( const std::string & pattern ) : regex( pattern, flags ), states( statesCompiled ) {}
+
+   bool matches( std::string_view text ) const {
+      text = text.substr( 0, BoundedRegex::maxTextBytes );
+      const char * const end = text.data() + text.size();
+      Work work{ BoundedRegex::maxSteps, static_cast<long>( states / BoundedRegex::statesAStep ), end };
+      return std::regex_match(
+            CountingIterator( text.data(), &work ), CountingIterator( end, &work ), regex );
+   }
+};
+
 } // namespace
 
 struct BoundedRegex::Compiled {
-   std::regex whole;
-   std::regex anywhere;
+   Automaton whole;
+   Automaton anywhere;
 };
 
 std::optional<BoundedRegex> BoundedRegex::compile( std::string_view pattern, std::string * why ) {
@@ -47,14 +133,20 @@ std::optional<BoundedRegex> BoundedRegex::compile( std::string_view pattern, std
       *why = fmt::format( "it is longer than {} bytes", maxPatternBytes );
       return std::nullopt;
    }
+   // Looked for as plain text: telling an escaped bracket from a real one is the grammar's business, and to
+   // be wrong about it would let a match run for minutes.
+   if ( pattern.find( "(?=" ) != pattern.npos || pattern.find( "(?!" ) != pattern.npos ) {
+      *why = "look-ahead, (?= or (?!, is not accepted";
+      return std::nullopt;
+   }
    try {
-      auto compiled = std::make_shared<Compiled>();
       const std::string text( pattern );
-      compiled->whole.assign( text, flags );
       // A search would start the executor anew at every character; one run over the text with room before the
-      // match finds the same.
-      compiled->anywhere.assign( "[^]*?(?:" + text + ")[^]*", flags );
-      return BoundedRegex( compiled );
+      // match finds the same. The pattern by itself goes first: "a)(b" is none, though it is one in brackets.
+      Automaton whole( text );
+      Automaton anywhere( "[^]*?(?:" + text + ")[^]*" );
+      return BoundedRegex(
+            std::make_shared<Compiled>( Compiled{ std::move( whole ), std::move( anywhere ) } ) );
    } catch ( const std::regex_error & error ) {
       *why = whyRefused( error.code() );
       return std::nullopt;
@@ -62,13 +154,11 @@ std::optional<BoundedRegex> BoundedRegex::compile( std::string_view pattern, std
 }
 
 bool BoundedRegex::foundIn( std::string_view text ) const {
-   text = text.substr( 0, maxTextBytes );
-   return std::regex_match( text.begin(), text.end(), compiled_->anywhere );
+   return compiled_->anywhere.matches( text );
 }
 
 bool BoundedRegex::matches( std::string_view text ) const {
-   text = text.substr( 0, maxTextBytes );
-   return std::regex_match( text.begin(), text.end(), compiled_->whole );
+   return compiled_->whole.matches( text );
 }
 
 } // namespace platform

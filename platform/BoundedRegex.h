@@ -7,17 +7,31 @@
 
 namespace platform {
 
-/// A regular expression (ECMAScript grammar) whose matching takes time in proportion to text and pattern, and
-/// no stack, whatever the two are: it may be run on text from hostile servers.
+/// A regular expression (ECMAScript grammar) whose compiling and matching take bounded time, memory and stack
+/// whatever pattern and text are, so that it may be run on text from hostile servers by a thread that others
+/// wait for: at most about 20 ms for one match.
 ///
-/// The price is what such a matcher cannot do: back-references are refused, and so are patterns that are
-/// longer than `maxPatternBytes` or unfold (by counted repetition) into more than `maxStates` states.
+/// Accepted: literals, `.`, classes (`[a-z]`, `[^"]`, `\d`, `\w`, `\s`, `[[:alpha:]]`), groups and
+/// alternatives, `*`, `+`, `?`, `{n,m}` and their lazy forms, `^`, `$`, `\b`. Matching looks at bytes and at
+/// case.
+///
+/// Refused: back-references and look-ahead, which have no bound, and therefore "(?=" and "(?!" in any
+/// meaning; patterns longer than `maxPatternBytes`; patterns that unfold, by counted repetition above all,
+/// into more than `maxStates` states of the automaton.
+///
+/// Searched: the first `maxTextBytes` of the text. A pattern that keeps many states alive uses up `maxSteps`
+/// earlier, and is then matched against what it has seen by that time as if the text ended there; where that
+/// is depends on nothing but pattern and text. An ordinary rule, such as `"status": *"(UP|OK)"`, sees all of
+/// the 16 KiB.
 class BoundedRegex {
  public:
    static constexpr std::size_t maxPatternBytes = 256;
    static constexpr std::size_t maxStates = 1024;
-   /// Only this much of a text is looked at.
    static constexpr std::size_t maxTextBytes = 16 * 1024;
+   /// Work of one match: one step a live state and character, and for each character one more for every
+   /// `statesAStep` states of the pattern.
+   static constexpr long maxSteps = 100'000;
+   static constexpr std::size_t statesAStep = 8;
 
    /// Empty when the pattern is refused; `*why` then says why in words.
    [[nodiscard]] static std::optional<BoundedRegex> compile( std::string_view pattern, std::string * why );
