@@ -38,7 +38,7 @@ EventLoop::~EventLoop() {
 }
 
 void EventLoop::run() {
-   while ( !stopRequested_.load() ) {
+   while ( !stopRequested_.exchange( false ) ) {
       event_base_loop( base_, EVLOOP_NO_EXIT_ON_EMPTY );
    }
 }
