@@ -1,0 +1,23 @@
+#include "HealthMonitor/HmNetCHASMStorageObserver.h"
+
+#include "HealthMonitor/HmCommonData.h"
+#include "HealthMonitor/HmQueueRecords.h"
+
+namespace hm {
+
+NetCHASMStorageObserver::NetCHASMStorageObserver( Ptr<EventMpmcQueue> resultQueue )
+      : resultQueue_( std::move( resultQueue ) ) {}
+
+bool NetCHASMStorageObserver::storeHostCheckResult( HMCheckData & data ) {
+   HM_TRACE( 9, "hostName: {}, response: {}, response code: {}, response payload: {}, reason: {}",
+         data.m_hostName, static_cast<unsigned>( data.m_response ), data.m_responseCode,
+         data.m_responsePayload, static_cast<unsigned>( data.m_reason ) );
+   constexpr std::uint16_t weight = 0; // the engine knows none
+   resultQueue_->push( new ProbeResult( data.m_hostName, data.m_response, data.m_responseCode,
+         data.m_responsePayload, data.m_reason, data.m_numChecks, data.m_numResponses,
+         data.m_numConnectFailures, data.m_numFailures, data.m_numTimeouts, data.m_responseTimeMs,
+         data.m_checkTime.getTimeSinceEpoch(), weight ) );
+   return true;
+}
+
+} // namespace hm
