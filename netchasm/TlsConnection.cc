@@ -149,13 +149,17 @@ void TlsConnection::end( bool sound ) {
 
 int TlsConnection::onNewSession( SSL * ssl, SSL_SESSION * session ) {
    auto & self = *static_cast< TlsConnection * >( SSL_get_app_data( ssl ) );
-   // A resumed handshake keeps the session it resumed: its age is counted from the full one.
-   if ( !self.ticket_ || SSL_session_reused( ssl ) || !SSL_SESSION_is_resumable( session ) )
+   if ( !self.ticket_ || !SSL_SESSION_is_resumable( session ) )
       return 0;
-   self.ticket_->session.reset( session );
-   self.ticket_->context = self.context_;
-   self.ticket_->address = self.peer_;
-   self.ticket_->fullHandshake = self.began_;
+   // TLS 1.3 tickets serve once, so a resumed handshake brings the next one; the age counts from the full
+   // handshake.
+   TlsTicket & ticket = *self.ticket_;
+   ticket.session.reset( session );
+   if ( SSL_session_reused( ssl ) )
+      return 1;
+   ticket.context = self.context_;
+   ticket.address = self.peer_;
+   ticket.fullHandshake = self.began_;
    return 1;
 }
 

@@ -49,8 +49,8 @@ class TlsConnection {
    TlsConnection( const TlsConnection & ) = delete;
    TlsConnection & operator=( const TlsConnection & ) = delete;
 
-   /// Prepares a connection over the connected socket `fd` to `peer`. `ticket` takes part when it fits, and
-   /// is replaced when the handshake was a full one; it must live until end(). False: no memory.
+   /// Prepares a connection over the connected socket `fd` to `peer`. `ticket` takes part when it fits,
+   /// and is replaced by what the server gives for the next time; it must live until end(). False: no memory.
    [[nodiscard]] bool begin( const std::shared_ptr< const TlsContext > & context, int fd,
          const HMIPAddress & peer, TlsTicket & ticket, TimePoint now );
    /// The handshake's last flight stays here until send().
