@@ -1,0 +1,113 @@
+#include "host/ConfigQueue.h"
+
+#include "platform/EventLoopThread.h"
+
+#include <atomic>
+
+namespace host {
+
+using namespace platform;
+
+// Crosses to the checker thread and back; `change` is set there, and read on the main thread afterwards.
+struct ConfigQueue::Job : QueueElement {
+   ChangeRequest request;
+   Done done;
+   Ptr<CheckedChange> change;
+   bool checked = false; // main thread: the job has come back
+};
+
+class ConfigQueue::CheckThread final : public EventLoopThread {
+ public:
+   CheckThread( std::shared_ptr<const Schema> schema, const Ptr<FifoEvent> & checkedEvent )
+         : EventLoopThread( "hm-config-check", new EventLoop() ),
+           schema_( std::move( schema ) ),
+           event_( new FifoEvent( loop() ) ),
+           jobs_( 0, event_, nullptr, true ),
+           results_( 0, checkedEvent, nullptr, true ) {}
+   ~CheckThread() override { end(); }
+
+   void end() {
+      cancelled_.store( true );
+      stop();
+   }
+   void push( const Ptr<Job> & job ) { jobs_.push( job ); }
+   Ptr<Job> pop() { return dynamicPtrCast<Job>( results_.pop() ); }
+
+ private:
+   void doInitSm() override {
+      event_->watch( [this] {
+         while ( const auto job = dynamicPtrCast<Job>( jobs_.pop() ) ) {
+            if ( cancelled_.load() ) {
+               return;
+            }
+            job->change = checkChange( *schema_, job->request, [this] { return cancelled_.load(); } );
+            std::string().swap( job->request.text ); // freed here: it may be large
+            results_.push( job );
+         }
+      } );
+   }
+   void doDelSm() override { event_->unwatch(); }
+
+   const std::shared_ptr<const Schema> schema_;
+   const Ptr<FifoEvent> event_;
+   EventMpmcQueue jobs_;    // main thread to this one
+   EventMpmcQueue results_; // back
+   std::atomic<bool> cancelled_{ false };
+};
+
+ConfigQueue::ConfigQueue( Ptr<EventLoop> mainLoop, Ptr<EntityManager> entityManager,
+      const Ptr<TaskScheduler> & scheduler, std::shared_ptr<const Schema> schema )
+      : entityManager_( std::move( entityManager ) ),
+        checkedEvent_( new FifoEvent( std::move( mainLoop ) ) ),
+        checkThread_( new CheckThread( std::move( schema ), checkedEvent_ ) ),
+        task_( new Task( scheduler, TaskPriority{}, "config-apply" ) ) {
+   task_->runHandlerIs( [this] { slice(); } );
+   checkedEvent_->watch( [this] { checked(); } );
+   checkThread_->start();
+}
+
+ConfigQueue::~ConfigQueue() {
+   checkThread_->end();
+   checkedEvent_->unwatch();
+}
+
+void ConfigQueue::submit( ChangeRequest request, Done done ) {
+   const Ptr<Job> job = new Job();
+   job->request = std::move( request );
+   job->done = std::move( done );
+   waiting_.push_back( job );
+   checkThread_->push( job );
+}
+
+void ConfigQueue::checked() {
+   while ( const auto job = checkThread_->pop() ) {
+      job->checked = true;
+   }
+   task_->scheduleTask();
+}
+
+void ConfigQueue::slice() {
+   while ( !task_->taskShouldYield() ) {
+      if ( waiting_.empty() || !waiting_.front()->checked ) {
+         return;
+      }
+      const auto & job = *waiting_.front();
+      if ( !job.change->errors.empty() || job.request.checkOnly ) {
+         finish( { job.change->errors, 0 } );
+      } else if ( !applier_ ) {
+         applier_ = std::make_unique<Applier>( entityManager_, job.change );
+      } else if ( !applier_->step() ) {
+         finish( { applier_->refusals(), applier_->changes() } );
+      }
+   }
+   task_->scheduleTask();
+}
+
+void ConfigQueue::finish( const ChangeOutcome & outcome ) {
+   const auto job = waiting_.front();
+   applier_ = nullptr;
+   waiting_.pop_front();
+   job->done( outcome );
+}
+
+} // namespace host

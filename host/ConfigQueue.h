@@ -1,0 +1,58 @@
+#pragma once
+
+#include "host/Applier.h"
+#include "host/Document.h"
+#include "platform/EventLoop.h"
+#include "platform/EventMpmcQueue.h"
+#include "platform/Task.h"
+
+#include <deque>
+#include <functional>
+#include <memory>
+
+namespace host {
+
+/// How a change ended.
+struct ChangeOutcome {
+   std::vector<std::string> errors{}; // one line each; then nothing was changed
+   std::uint64_t changes = 0;
+};
+
+/// The one way into the configuration, for documents and single changes alike. Requests are checked whole on
+/// a thread of its own, in their order, and then applied on the main loop, one at a time and in slices: no
+/// document, however large or wrong, holds the main loop.
+///
+/// Main thread, as all of its callbacks.
+class ConfigQueue : public platform::RefCounted {
+ public:
+   static constexpr std::size_t maxWaiting = 1024;
+   using Done = std::function<void( const ChangeOutcome & )>;
+
+   ConfigQueue( platform::Ptr<platform::EventLoop> mainLoop,
+         platform::Ptr<platform::EntityManager> entityManager,
+         const platform::Ptr<platform::TaskScheduler> & scheduler, std::shared_ptr<const Schema> schema );
+   /// Ends the checker thread; requests that have not been applied are dropped without an outcome, and one
+   /// that is being applied stays as far as it has come.
+   ~ConfigQueue() override;
+
+   /// `done` runs once, on the main loop and never inside this call. Takes what it is given; whoever passes
+   /// on requests from outside asks full() first.
+   void submit( ChangeRequest request, Done done );
+   bool full() const { return waiting_.size() >= maxWaiting; }
+
+ private:
+   class CheckThread;
+   struct Job;
+   void checked();
+   void slice();
+   void finish( const ChangeOutcome & outcome );
+
+   const platform::Ptr<platform::EntityManager> entityManager_;
+   platform::Ptr<platform::FifoEvent> checkedEvent_;
+   platform::Ptr<CheckThread> checkThread_;
+   platform::Ptr<platform::Task> task_;
+   std::deque<platform::Ptr<Job>> waiting_; // in the order of submission; the front is applied
+   std::unique_ptr<Applier> applier_;       // of the front, once it is checked
+};
+
+} // namespace host

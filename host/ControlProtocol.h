@@ -1,0 +1,13 @@
+#pragma once
+
+#include <cstddef>
+
+/// Limits of the control protocol (docs/control-protocol.md), for both of its sides.
+namespace control {
+
+/// A request is one line of JSON, the newline included.
+inline constexpr std::size_t maxRequestBytes = 64 * 1024;
+/// A document follows the line of its request as that many bytes.
+inline constexpr std::size_t maxDocumentBytes = 16u << 20;
+
+} // namespace control

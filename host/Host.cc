@@ -1,0 +1,214 @@
+#include "host/Host.h"
+
+#include "host/AgentLibrary.h"
+#include "host/Applier.h"
+#include "host/ControlProtocol.h"
+#include "platform/state/Profile.h"
+#include "platform/Trace.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <event2/event.h>
+#include <fmt/format.h>
+
+namespace host {
+
+using namespace platform;
+
+namespace {
+
+TraceFacility & traceFacility() {
+   static const auto facility = TraceFacility::find( "Host" );
+   return *facility;
+}
+
+// For whoever reads the journal: what went wrong with a change that nobody waits for.
+void report( const std::string & line ) {
+   fmt::print( stderr, "hm-host: {}\n", line );
+   HM_TRACE( 1, " {}", line );
+}
+
+} // namespace
+
+std::optional<std::string> fileRead( const std::string & path, std::size_t maxBytes, std::string & text ) {
+   // Opening a pipe that nobody writes must not block the main loop.
+   const int fd = open( path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK );
+   std::array<char, 64 * 1024> buffer;
+   ssize_t size = fd < 0 ? -1 : 1;
+   text.clear();
+   while ( size > 0 && text.size() <= maxBytes ) {
+      size = read( fd, buffer.data(), buffer.size() );
+      if ( size > 0 ) {
+         text.append( buffer.data(), static_cast<std::size_t>( size ) );
+      }
+   }
+   const int error = errno;
+   if ( fd >= 0 ) {
+      close( fd );
+   }
+   if ( size < 0 ) {
+      return fmt::format( "{}: {}", path, std::strerror( error ) );
+   }
+   if ( text.size() > maxBytes ) {
+      return fmt::format( "{}: is larger than {} bytes", path, maxBytes );
+   }
+   return std::nullopt;
+}
+
+Host::Host( HostOptions options )
+      : options_( std::move( options ) ),
+        begun_( Clock::steady().now() ),
+        mainLoop_( new EventLoop() ),
+        scheduler_( new TaskScheduler( mainLoop_ ) ),
+        entityManager_( new EntityManager() ),
+        status_( new HostStatus() ) {}
+
+Host::~Host() {
+   controlServer_ = nullptr;
+   configQueue_ = nullptr;
+   agent_ = nullptr;
+   changeFeed_ = nullptr;
+   for ( auto * each : signals_ ) {
+      event_free( each );
+   }
+}
+
+std::vector<std::string> Host::start() {
+   if ( auto refusal = socket_.open( options_.socketPath ) ) {
+      return { *refusal };
+   }
+   signalWatch( SIGTERM, []( int, short, void * self ) { static_cast<Host *>( self )->mainLoop_->stop(); } );
+   signalWatch( SIGINT, []( int, short, void * self ) { static_cast<Host *>( self )->mainLoop_->stop(); } );
+   signalWatch( SIGHUP, []( int, short, void * self ) { static_cast<Host *>( self )->configReload(); } );
+
+   entityManager_->profileIs( healthMonitorProfile() );
+   entityManager_->entityIs( HostStatus::path, status_ );
+   status_->versionIs( options_.version );
+   status_->agentNameIs( options_.agentName );
+   status_->pidIs( static_cast<std::uint32_t>( getpid() ) );
+   schema_ = std::make_shared<Schema>( *entityManager_, std::vector<std::string>{ HostStatus::path } );
+
+   if ( auto errors = startupConfigure(); !errors.empty() ) {
+      return errors;
+   }
+   std::string why;
+   auto * factory = agentFactoryLoad( options_.agentLibrary, &why );
+   if ( !factory ) {
+      return { why };
+   }
+   agent_ = factory( options_.agentName.c_str() );
+   if ( !agent_ ) {
+      return { options_.agentLibrary + ": the factory made no agent" };
+   }
+   AgentContext context;
+   context.mainLoop = mainLoop_;
+   context.entityManager = entityManager_;
+   context.scheduler = scheduler_;
+   agent_->contextIs( context );
+   agent_->doInit();
+
+   configQueue_ = new ConfigQueue( mainLoop_, entityManager_, scheduler_, schema_ );
+   changeFeed_ = new ChangeFeed( entityManager_ );
+   ControlServices services;
+   services.mainLoop = mainLoop_;
+   services.scheduler = scheduler_;
+   services.entityManager = entityManager_;
+   services.schema = schema_;
+   services.configQueue = configQueue_;
+   services.changeFeed = changeFeed_;
+   services.statusRefresh = [this] { statusRefresh(); };
+   services.cleanState = [this] { return agent_->doCheckAgentCleanState(); };
+   services.clientCountChanged = [this]( std::size_t count ) {
+      status_->clientsIs( static_cast<std::uint32_t>( count ) );
+   };
+   services.changeEnded = [this]( const ChangeOutcome & outcome ) { changeEnded( outcome ); };
+   controlServer_ = new ControlServer( services, socket_.fdTake() );
+   return {};
+}
+
+void Host::run() {
+   mainLoop_->run();
+   // A second signal ends the process at once, should the teardown hang.
+   for ( auto * each : signals_ ) {
+      event_del( each );
+   }
+   HM_TRACE( 4, " the host is stopping" );
+   controlServer_ = nullptr;
+   configQueue_ = nullptr;
+   agent_ = nullptr;
+   changeFeed_ = nullptr;
+   traceFlush();
+}
+
+std::vector<std::string> Host::startupConfigure() {
+   if ( options_.configFile.empty() ) {
+      return {};
+   }
+   ChangeRequest request;
+   request.source = options_.configFile;
+   if ( auto refusal = fileRead( options_.configFile, control::maxDocumentBytes, request.text ) ) {
+      return { *refusal };
+   }
+   const auto change = checkChange( *schema_, request );
+   if ( !change->errors.empty() ) {
+      return change->errors;
+   }
+   // Nobody watches and nothing else waits yet: no slices.
+   Applier applier( entityManager_, change );
+   while ( applier.step() ) {}
+   changeEnded( { applier.refusals(), applier.changes() } );
+   return {};
+}
+
+void Host::configReload() {
+   if ( options_.configFile.empty() ) {
+      report( "SIGHUP: there is no startup configuration to apply again" );
+      return;
+   }
+   ChangeRequest request;
+   request.source = options_.configFile;
+   if ( const auto refusal = fileRead( options_.configFile, control::maxDocumentBytes, request.text ) ) {
+      report( *refusal );
+      changeEnded( { { *refusal }, 0 } );
+      return;
+   }
+   configQueue_->submit( std::move( request ), [this]( const ChangeOutcome & outcome ) {
+      for ( const auto & error : outcome.errors ) {
+         report( error );
+      }
+      changeEnded( outcome );
+   } );
+}
+
+void Host::changeEnded( const ChangeOutcome & outcome ) {
+   if ( !outcome.errors.empty() ) {
+      HM_TRACE( 4, " change refused: {}", outcome.errors.front() );
+      status_->lastConfigurationErrorIs( outcome.errors.front() );
+   } else if ( outcome.changes != 0 ) {
+      HM_TRACE( 4, " change applied, differences: {}", outcome.changes );
+      status_->configurationGenerationIs( status_->configurationGeneration() + 1 );
+   }
+}
+
+void Host::statusRefresh() {
+   using namespace std::chrono;
+   status_->uptimeIs(
+         static_cast<std::uint64_t>( duration_cast<seconds>( Clock::steady().now() - begun_ ).count() ) );
+   status_->longestHoldUsIs(
+         static_cast<std::uint64_t>( duration_cast<microseconds>( mainLoop_->longestHold() ).count() ) );
+   status_->cleanStateIs( agent_->doCheckAgentCleanState() );
+}
+
+void Host::signalWatch( int signal, void ( *handler )( int, short, void * ) ) {
+   auto * watch = evsignal_new( mainLoop_->base(), signal, handler, this );
+   event_add( watch, nullptr );
+   signals_.push_back( watch );
+}
+
+} // namespace host

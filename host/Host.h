@@ -1,0 +1,66 @@
+#pragma once
+
+#include "host/ChangeFeed.h"
+#include "host/ConfigQueue.h"
+#include "host/ControlServer.h"
+#include "host/ControlSocket.h"
+#include "host/HostStatus.h"
+#include "host/Schema.h"
+#include "platform/Agent.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+struct event;
+
+namespace host {
+
+struct HostOptions {
+   std::string agentLibrary{};
+   std::string agentName = "HealthMonitor";
+   std::string configFile{}; // empty: none
+   std::string socketPath{};
+   std::string version{};
+};
+
+/// The agent host: the state, the main loop, the control socket and the agent. One a process; everything on
+/// the thread that calls run(), but for the checking of configuration.
+class Host {
+ public:
+   explicit Host( HostOptions options );
+   ~Host();
+
+   /// Sets everything up in order, the startup configuration before the agent. Returns why not, one line
+   /// each.
+   [[nodiscard]] std::vector<std::string> start();
+   /// The main loop; returns after SIGTERM or SIGINT with everything torn down.
+   void run();
+
+ private:
+   std::vector<std::string> startupConfigure();
+   void configReload();
+   void changeEnded( const ChangeOutcome & outcome );
+   void statusRefresh();
+   void signalWatch( int signal, void ( *handler )( int, short, void * ) );
+
+   const HostOptions options_;
+   const platform::Clock::TimePoint begun_;
+   const platform::Ptr<platform::EventLoop> mainLoop_;
+   const platform::Ptr<platform::TaskScheduler> scheduler_;
+   const platform::Ptr<platform::EntityManager> entityManager_;
+   const platform::Ptr<HostStatus> status_;
+   ControlSocket socket_;
+   std::vector<event *> signals_;
+   std::shared_ptr<const Schema> schema_;
+   platform::Ptr<platform::Agent> agent_;
+   platform::Ptr<ConfigQueue> configQueue_;
+   platform::Ptr<ChangeFeed> changeFeed_;
+   platform::Ptr<ControlServer> controlServer_;
+};
+
+/// The bytes of a regular file (or of a descriptor that ends, such as a pipe), or why they cannot be had.
+[[nodiscard]] std::optional<std::string> fileRead(
+      const std::string & path, std::size_t maxBytes, std::string & text );
+
+} // namespace host
