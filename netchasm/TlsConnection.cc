@@ -59,6 +59,7 @@ bool TlsConnection::begin( const std::shared_ptr< const TlsContext > & context, 
    ended_ = false;
    out_.clear();
    sent_ = 0;
+   received_ = 0;
    error_.clear();
    ticket_ = &ticket;
    context_ = context;
@@ -166,15 +167,18 @@ int TlsConnection::onNewSession( SSL * ssl, SSL_SESSION * session ) {
 int TlsConnection::bioRead( BIO * bio, char * bytes, std::size_t size, std::size_t * got ) {
    auto & self = *static_cast< TlsConnection * >( BIO_get_data( bio ) );
    BIO_clear_retry_flags( bio );
+   *got = 0;
+   if ( self.received_ > maxReceivedBytes )
+      return -1;
    const ssize_t n = self.calls_.receive( self.fd_, bytes, size );
    if ( n > 0 ) {
       *got = static_cast< std::size_t >( n );
+      self.received_ += *got;
       return 1;
    }
    if ( n < 0 && ( errno == EAGAIN || errno == EINTR ) )
       BIO_set_retry_read( bio );
    self.ended_ = n == 0;
-   *got = 0;
    return n < 0 ? -1 : 0;
 }
 

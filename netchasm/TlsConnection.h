@@ -35,6 +35,10 @@ struct TlsTicket {
 /// one piece, so the end of the handshake travels with the request. Used by one worker.
 class TlsConnection {
  public:
+   /// From the wire for one check. OpenSSL skips over some records by itself, as long as there are any: a
+   /// peer that sends nothing else must not keep the worker.
+   static constexpr std::size_t maxReceivedBytes = 512 * 1024;
+
    enum class Step : std::uint8_t {
       done,      ///< made as asked
       wait,      ///< go on at the socket's next event
@@ -79,6 +83,7 @@ class TlsConnection {
    bool ended_ = false; ///< the peer's end was read
    std::string out_;
    std::size_t sent_ = 0; ///< of out_
+   std::size_t received_ = 0;
    TlsTicket * ticket_ = nullptr;
    std::shared_ptr< const TlsContext > context_;
    HMIPAddress peer_;

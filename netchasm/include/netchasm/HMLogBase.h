@@ -22,10 +22,11 @@ enum HM_LOG_LEVEL : std::int8_t {
 };
 
 /// Where the engine's log entries go. Implemented by whoever embeds the engine and given to it with
-/// HMStateManager::registerLog(); the engine shares its ownership. openLog() is called once before the first
-/// entry, closeLog() once when the engine is destroyed, both on the thread that calls the engine. writeLog()
-/// runs on the engine's threads and on the thread that calls the engine, possibly on several at once, and
-/// must not block, throw or call the engine. The engine never calls rotate(); it is for the owner of the log.
+/// HMStateManager::registerLog(); the engine shares its ownership. openLog() is called when the
+/// engine starts, closeLog() when it is destroyed or does not start after all, both on the thread that calls
+/// the engine. writeLog() runs on the engine's threads and on the thread that calls the engine, possibly on
+/// several at once, and must not block, throw or call the engine. The engine never calls rotate(); it is for
+/// the owner of the log.
 class HMLogBase {
  public:
    /// One entry, valid only during writeLog().

@@ -18,8 +18,8 @@ class Engine;
 /// Order of use: construct, registerLog(), registerStorageObserver(), healthCheck(), then any of the other
 /// calls. They may come from any thread but the engine's own (the observer and the log must not call back);
 /// calls from several threads are taken one after another. Checks run on the engine's threads ("workers"),
-/// one for each core and at most "threads.max". One engine a process is meant; it raises the process's soft
-/// limit of open descriptors to the hard one.
+/// one for each core and at most "threads.max"; a reload that lowers it leaves the surplus asleep. One engine
+/// a process is meant; it raises the process's soft limit of open descriptors to the hard one.
 ///
 /// A host is checked when its host group is configured, it has a static address of a family that the group's
 /// "dual-stack-mode" allows, and, for "-mark" check types, the mark for this address. Its first check comes

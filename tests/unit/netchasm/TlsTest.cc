@@ -131,6 +131,24 @@ TEST_F( Tls, ReplyCutOffInsideTlsFails ) {
    EXPECT_EQ( check( https( server ).with( caLine() ) ).m_reason, HM_REASON_REPLY_CLOSED );
 }
 
+TEST_F( Tls, EndlessTicketsDoNotKeepTheWorker ) {
+   const auto context = serverContext( good );
+   SSL_CTX_set_session_cache_mode( context.get(), SSL_SESS_CACHE_OFF );
+   const auto makeBig = []( SSL * ssl, void * ) {
+      const std::string ballast( 30'000, 'x' );
+      return SSL_SESSION_set1_ticket_appdata( SSL_get_session( ssl ), ballast.data(), ballast.size() );
+   };
+   SSL_CTX_set_session_ticket_cb( context.get(), makeBig, nullptr, nullptr );
+   const TestServer server{ [&]( int fd ) {
+      const std::unique_ptr< SSL, void ( * )( SSL * ) > ssl{ SSL_new( context.get() ), SSL_free };
+      SSL_set_fd( ssl.get(), fd );
+      if ( SSL_accept( ssl.get() ) == 1 ) {
+         while ( SSL_new_session_ticket( ssl.get() ) == 1 && SSL_do_handshake( ssl.get() ) == 1 ) {}
+      }
+   } };
+   EXPECT_EQ( check( https( server ).timeout( 60'000 ).with( caLine() ) ).m_reason, HM_REASON_REPLY_CLOSED );
+}
+
 TEST_F( Tls, ClientCertificateIsShownWhenThereIsOne ) {
    const TestCertificate own{ { .ip = "", .issuer = &ca } };
    const TestServer server{ secure( serverContext( good, &ca ) ) };
