@@ -3,6 +3,7 @@
 #include "platform/EventLoopThread.h"
 
 #include <atomic>
+#include <utility>
 
 namespace host {
 
@@ -30,15 +31,20 @@ class ConfigQueue::CheckThread final : public EventLoopThread {
       cancelled_.store( true );
       stop();
    }
-   void push( const Ptr<Job> & job ) { jobs_.push( job ); }
+   void push( const Ptr<QueueElement> & element ) { jobs_.push( element ); }
    Ptr<Job> pop() { return dynamicPtrCast<Job>( results_.pop() ); }
 
  private:
    void doInitSm() override {
       event_->watch( [this] {
-         while ( const auto job = dynamicPtrCast<Job>( jobs_.pop() ) ) {
+         while ( const auto element = jobs_.pop() ) {
             if ( cancelled_.load() ) {
                return;
+            }
+            const auto job = dynamicPtrCast<Job>( element );
+            if ( !job ) {
+               continue; // a change that was applied comes here to be freed: that takes its time for a large
+                         // one
             }
             job->change = checkChange( *schema_, job->request, [this] { return cancelled_.load(); } );
             std::string().swap( job->request.text ); // freed here: it may be large
@@ -50,7 +56,7 @@ class ConfigQueue::CheckThread final : public EventLoopThread {
 
    const std::shared_ptr<const Schema> schema_;
    const Ptr<FifoEvent> event_;
-   EventMpmcQueue jobs_;    // main thread to this one
+   EventMpmcQueue jobs_;    // main thread to this one: jobs, and changes to free
    EventMpmcQueue results_; // back
    std::atomic<bool> cancelled_{ false };
 };
@@ -107,7 +113,11 @@ void ConfigQueue::finish( const ChangeOutcome & outcome ) {
    const auto job = waiting_.front();
    applier_ = nullptr;
    waiting_.pop_front();
-   job->done( outcome );
+   checkThread_->push( std::exchange( job->change, nullptr ) );
+   // Taken out: the checker thread may be the last to let go of the job, and what `done` holds is this
+   // thread's.
+   const auto done = std::exchange( job->done, {} );
+   done( outcome );
 }
 
 } // namespace host
