@@ -61,8 +61,6 @@ void YamlHelper::hostGroupEnd() {
 std::string_view YamlHelper::hostConfigFile() {
    if ( anyGroup_ ) {
       hostConfigFile_ << YAML::EndSeq;
-   } else {
-      hostConfigFile_ << YAML::Null;
    }
    return { hostConfigFile_.c_str(), hostConfigFile_.size() };
 }

@@ -27,7 +27,8 @@ class YamlHelper : public RefCounted {
    void hostAdd( const std::string & hostName );
    void hostGroupEnd();
 
-   /// The finished document, as long as the helper lives. Nothing may be added to it afterwards.
+   /// The finished document (empty without groups), as long as the helper lives. Nothing may be added to it
+   /// afterwards.
    std::string_view hostConfigFile();
 
  private:
