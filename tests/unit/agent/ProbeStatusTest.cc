@@ -1,0 +1,311 @@
+// From check results to what is published: the states by kind of check, the rules, the two kinds together.
+#include "HealthMonitor/HmProbeStatusSm.h"
+#include "HealthMonitor/HmQueueRecords.h"
+#include "HealthMonitor/HmUtils.h"
+
+#include <gmock/gmock.h>
+
+using namespace hm;
+
+namespace {
+
+enum class Admin { enabled, shutdown };
+enum class Oper { down, up };
+
+/// Published state as one word for the tables.
+std::string word( HmState::ServerAdminState admin, HmState::ServerOperState oper ) {
+   return ValueTraits<HmState::ServerAdminState>::toText( admin ) + " " +
+          ValueTraits<HmState::ServerOperState>::toText( oper );
+}
+
+class ProbeStatusTest : public testing::Test {
+ protected:
+   ProbeStatusTest() {
+      data_->probeIntervalIs( 5 );
+      server( "web", "10.1.1.1" );
+      start();
+   }
+   void start() {
+      sm_ = probeStatusSmFactory( config_, status_, results_, data_, scheduler_ );
+      sm_->notificationsEnabledIs( true );
+   }
+
+   /// A server as the configuration side leaves it, checked over HTTP and TCP.
+   void server( const NexthopGroupName & nhg, const std::string & address ) {
+      const auto probes = config_->nhgProbeConfigIs( nhg );
+      probes->httpUrlIs( "http://192.0.2.1/" );
+      probes->tcpUrlIs( "tcp://192.0.2.1:80" );
+      const auto ip = *IpGenAddr::fromText( address );
+      status_->nhgProbeStatusIs( nhg )->serverProbeStatusIs( ip );
+      data_->httpProbeStatusIs( nhg )->serverProbeStatusIs( ip );
+      data_->tcpProbeStatusIs( nhg )->serverProbeStatusIs( ip );
+      for ( const auto type : { ProbeType::http, ProbeType::tcp } ) {
+         data_->probeCountersIs( nhg )->serverIpIs( ip )->probeTypeCountersIs( type );
+         data_->hostNameToIpNhgPairIs( hostNameFromNhgAndServerIp( nhg, type, ip ), { nhg, ip } );
+      }
+   }
+   void httpRules( const char * payloadPattern, std::uint8_t payloadAction, const char * codePattern,
+         std::uint8_t codeAction ) {
+      config_->responsePayloadRule()->patternIs( payloadPattern );
+      config_->responsePayloadRule()->actionIs( payloadAction );
+      config_->responseCodeRule()->patternIs( codePattern );
+      config_->responseCodeRule()->actionIs( codeAction );
+   }
+
+   void push( const std::string & hostName, std::uint8_t response, std::uint8_t reason,
+         std::uint32_t code = 200, const std::string & payload = {}, std::uint16_t weight = 0 ) {
+      results_->push( new ProbeResult(
+            hostName, response, code, payload, reason, 1, 2, 3, 4, 5, 6, 1'000'000, weight ) );
+   }
+   void process() {
+      loop_->runOnce();
+      scheduler_->runUntilIdle();
+   }
+   void http( std::uint8_t response, std::uint8_t reason = 2, std::uint32_t code = 200,
+         const std::string & payload = {}, std::uint16_t weight = 0 ) {
+      push( "http/web/10.1.1.1", response, reason, code, payload, weight );
+      process();
+   }
+   void tcp( std::uint8_t response, std::uint8_t reason = 2, std::uint16_t weight = 0 ) {
+      push( "tcp/web/10.1.1.1", response, reason, 0, {}, weight );
+      process();
+   }
+   Ptr<HmState::ProbeStatus> entry() { return status_->nhgProbeStatus( "web" )->serverProbeStatus( ip_ ); }
+   std::string published() { return word( entry()->adminState(), entry()->operState() ); }
+   Ptr<ProbeTypeCounters> counters( ProbeType type ) {
+      return data_->probeCounters( "web" )->serverIp( ip_ )->probeTypeCounters( type );
+   }
+
+   const IpGenAddr ip_ = *IpGenAddr::fromText( "10.1.1.1" );
+   ManualClock clock_;
+   const Ptr<EventLoop> loop_ = new EventLoop( clock_ );
+   const Ptr<TaskScheduler> scheduler_ = new TaskScheduler( loop_, clock_ );
+   const Ptr<EventMpmcQueue> results_ = new EventMpmcQueue( 0, new FifoEvent( loop_ ), nullptr, true );
+   const Ptr<CommonData> data_ = new CommonData;
+   const Ptr<HmState::ProbeConfig> config_ = new HmState::ProbeConfig;
+   const Ptr<HmState::ServerStatus> status_ = new HmState::ServerStatus;
+   Ptr<ProbeStatusSm> sm_;
+};
+
+} // namespace
+
+TEST_F( ProbeStatusTest, AFailureWithoutVerdictHoldsTheStateAndAnyOtherTakesItDown ) {
+   struct Row {
+      std::uint8_t response, reason;
+      const char * afterUp;
+      const char * afterShutdown;
+   };
+   const Row rows[] = {
+         { 1, 0, "enabled up", "enabled up" },
+         { 1, 1, "enabled up", "enabled up" },
+         { 2, 1, "enabled up", "shutdown up" },
+         { 0, 1, "enabled up", "shutdown up" },
+         { 2, 2, "enabled down", "shutdown down" },
+         { 3, 0, "enabled down", "shutdown down" },
+         { 255, 255, "enabled down", "shutdown down" },
+   };
+   for ( const auto & row : rows ) {
+      SCOPED_TRACE( fmt::format( "response {} reason {}", row.response, row.reason ) );
+      httpRules( "invalid", 0, "418", 1 );
+      tcp( 1 );
+      http( 1 );
+      http( row.response, row.reason );
+      EXPECT_EQ( published(), row.afterUp );
+      http( 1, 0, 418 );
+      EXPECT_EQ( published(), "shutdown up" );
+      http( row.response, row.reason );
+      EXPECT_EQ( published(), row.afterShutdown );
+      http( 1 );
+      tcp( row.response, row.reason );
+      EXPECT_EQ( published(), row.afterUp );
+   }
+}
+
+TEST_F( ProbeStatusTest, RulesOnResponses ) {
+   struct Row {
+      const char * payloadPattern;
+      std::uint8_t payloadAction;
+      const char * codePattern;
+      std::uint8_t codeAction;
+      std::uint32_t code;
+      std::string payload;
+      const char * expected;
+   };
+   const std::string nul( 1, '\0' );
+   const Row rows[] = {
+         { "invalid", 0, "invalid", 1, 503, "invalid", "enabled up" },
+         { "maint", 0, "invalid", 0, 200, "in maintenance", "enabled down" },
+         { "maint", 1, "invalid", 0, 200, "in maintenance", "shutdown up" },
+         { "maint", 2, "invalid", 0, 200, "in maintenance", "enabled up" },
+         { "maint", 0, "invalid", 0, 200, "fine", "enabled up" },
+         { "maint", 0, "invalid", 0, 200, "fine" + nul + "maint", "enabled up" },
+         { "invalid", 0, "50", 0, 503, "", "enabled up" },
+         { "invalid", 0, "50.", 0, 503, "", "enabled down" },
+         { "invalid", 0, "50.", 1, 503, "", "shutdown up" },
+         { "invalid", 0, "50.", 7, 503, "", "enabled up" },
+         { "invalid", 0, "0", 0, 0, "", "enabled down" },
+         { "invalid", 0, "4294967295", 0, 4294967295u, "", "enabled down" },
+         { "x", 0, "503", 1, 503, "x", "shutdown down" },
+         { "x", 1, "503", 0, 503, "x", "shutdown down" },
+         { "x", 1, "503", 1, 503, "x", "shutdown up" },
+         { "x", 1, "503", 5, 503, "x", "shutdown up" },
+         { "(", 0, "50.", 0, 503, "(", "enabled down" },
+         { "(a)\\1", 1, "[", 1, 503, "aa", "enabled up" },
+   };
+   for ( const auto & row : rows ) {
+      SCOPED_TRACE( fmt::format( "payload rule {} {}, code rule {} {}, code {}", row.payloadPattern,
+            row.payloadAction, row.codePattern, row.codeAction, row.code ) );
+      tcp( 1 );
+      httpRules( row.payloadPattern, row.payloadAction, row.codePattern, row.codeAction );
+      http( 1, 0, row.code, row.payload );
+      EXPECT_EQ( published(), row.expected );
+   }
+}
+
+TEST_F( ProbeStatusTest, APatternThatIsNoneIsTracedOnceAChange ) {
+   httpRules( "[", 0, "invalid", 0 );
+   traceToStderrIs( true );
+   testing::internal::CaptureStderr();
+   http( 1 );
+   http( 1 );
+   config_->responsePayloadRule()->patternIs( "(" );
+   http( 1 );
+   traceToStderrIs( false );
+   const auto lines = testing::internal::GetCapturedStderr();
+   EXPECT_EQ( std::ranges::count( lines, '\n' ), 2 ) << lines;
+   EXPECT_THAT( lines, testing::HasSubstr( "responsePayloadRule: pattern \"[\" is ignored: a bracket" ) );
+}
+
+TEST_F( ProbeStatusTest, AChangedPatternAppliesToABodySeenBefore ) {
+   tcp( 1 );
+   httpRules( "old", 0, "invalid", 0 );
+   http( 1, 0, 200, "new" );
+   EXPECT_EQ( published(), "enabled up" );
+   httpRules( "new", 0, "invalid", 0 );
+   http( 1, 0, 200, "new" );
+   EXPECT_EQ( published(), "enabled down" );
+   config_->responsePayloadRule()->patternIs( std::string( "ne\0x", 4 ) );
+   http( 1, 0, 200, "never" );
+   EXPECT_EQ( published(), "enabled down" );
+}
+
+TEST_F( ProbeStatusTest, EveryConfiguredKindOfCheckHasItsSay ) {
+   http( 1 );
+   EXPECT_EQ( published(), "enabled down" ) << "before the first TCP check";
+   tcp( 1 );
+   EXPECT_EQ( published(), "enabled up" );
+   tcp( 2 );
+   http( 1 );
+   EXPECT_EQ( published(), "enabled down" );
+   config_->nhgProbeConfig( "web" )->tcpUrlIs( "" );
+   http( 1 );
+   EXPECT_EQ( published(), "enabled up" ) << "the group runs no TCP check any more";
+   http( 2 );
+   config_->nhgProbeConfig( "web" )->httpUrlIs( "" );
+   config_->nhgProbeConfig( "web" )->tcpUrlIs( "tcp://192.0.2.1:80" );
+   tcp( 1 );
+   EXPECT_EQ( published(), "enabled up" ) << "the group runs no HTTP check any more";
+}
+
+TEST_F( ProbeStatusTest, TheWeightIsTheOneOfHttp ) {
+   http( 1, 0, 200, {}, 10 );
+   EXPECT_EQ( entry()->weight(), 10 );
+   tcp( 1, 0, 99 );
+   EXPECT_EQ( entry()->weight(), 10 );
+   EXPECT_EQ( data_->tcpProbeStatus( "web" )->serverProbeStatus( ip_ )->weight(), 99 );
+}
+
+TEST_F( ProbeStatusTest, WhoeverWatchesAnEntrySeesAllOfAChange ) {
+   struct Watcher : Reactor {
+      explicit Watcher( const Ptr<HmState::ProbeStatus> & status ) {
+         watch( Ptr<const HmState::ProbeStatus>( status ), HmState::ProbeStatus::operStateAttr(),
+               [this, status] { seen.push_back( word( status->adminState(), status->operState() ) ); } );
+         notificationsEnabledIs( true );
+      }
+      std::vector<std::string> seen;
+   };
+   tcp( 1 );
+   httpRules( "invalid", 0, "418", 1 );
+   const Ptr<Watcher> watcher = new Watcher( entry() );
+   http( 1, 0, 418 );
+   EXPECT_THAT( watcher->seen, testing::ElementsAre( "shutdown up" ) );
+}
+
+TEST_F( ProbeStatusTest, CountersAreTheEnginesAndTheNextCheckIsKnownAfterAnAnswer ) {
+   http( 1 );
+   const auto http = counters( ProbeType::http );
+   EXPECT_THAT( ( std::vector{ http->numChecks(), http->numResponses(), http->numConnectFailures(),
+                      http->numFailures(), http->numTimeouts(), http->lastResponseTime() } ),
+         testing::ElementsAre( 1, 2, 3, 4, 5, 6 ) );
+   EXPECT_EQ( http->lastCheckTime(), 1'000'000u );
+   EXPECT_EQ( http->nextCheckTime(), 1'005'000u );
+   EXPECT_EQ( counters( ProbeType::tcp )->numChecks(), 0u );
+   tcp( 2, 1 );
+   EXPECT_EQ( counters( ProbeType::tcp )->nextCheckTime(), 1'000'000u );
+}
+
+TEST_F( ProbeStatusTest, ResultsOfWhatHasGoneChangeNothingAndCountAsWork ) {
+   http( 1 );
+   tcp( 1 );
+   const auto before = sm_->task()->taskWorkCount();
+   push( "http/gone/10.1.1.1", 1, 0 );
+   process();
+   EXPECT_EQ( sm_->task()->taskWorkCount(), before + 1 );
+   // The published entry is missing: caches stay, counters go on.
+   status_->nhgProbeStatusDel( "web" );
+   push( "http/web/10.1.1.1", 2, 2 );
+   process();
+   EXPECT_EQ( data_->httpProbeStatus( "web" )->serverProbeStatus( ip_ )->operState(),
+         HmState::ServerOperState::up );
+   EXPECT_EQ( counters( ProbeType::http )->nextCheckTime(), 1'000'000u );
+   // The counters are missing: the state is published.
+   status_->nhgProbeStatusIs( "web" )->serverProbeStatusIs( ip_ );
+   data_->probeCountersDel( "web" );
+   http( 1 );
+   EXPECT_EQ( published(), "enabled up" );
+}
+
+TEST_F( ProbeStatusTest, TakesABurstInSlicesAndWhatWasQueuedBeforeItExisted ) {
+   sm_ = nullptr;
+   for ( int i = 0; i < 5; ++i ) {
+      push( "http/web/10.1.1.1", 1, 0 );
+   }
+   push( "tcp/web/10.1.1.1", 1, 0 );
+   scheduler_->sliceBudgetIs( {} );
+   start();
+   EXPECT_TRUE( scheduler_->runSlice() );
+   EXPECT_FALSE( results_->empty() );
+   EXPECT_EQ( published(), "enabled down" );
+   scheduler_->runUntilIdle();
+   EXPECT_EQ( published(), "enabled up" );
+   EXPECT_EQ( sm_->task()->taskWorkCount(), 6u );
+   // Gone while results wait and arrive.
+   push( "tcp/web/10.1.1.1", 2, 2 );
+   sm_ = nullptr;
+   push( "tcp/web/10.1.1.1", 2, 2 );
+   process();
+   EXPECT_EQ( published(), "enabled up" );
+}
+
+using ProbeStatusDeathTest = ProbeStatusTest;
+
+TEST_F( ProbeStatusDeathTest, AMissingCacheOrCounterOfAKnownHostStopsTheProcess ) {
+   EXPECT_DEATH(
+         {
+            data_->httpProbeStatus( "web" )->serverProbeStatusDel( ip_ );
+            http( 1 );
+         },
+         "probe status cache missing for 10.1.1.1 in web" );
+   EXPECT_DEATH(
+         {
+            data_->tcpProbeStatusDel( "web" );
+            http( 1 );
+         },
+         "probe status cache missing for tcp, web" );
+   EXPECT_DEATH(
+         {
+            data_->probeCounters( "web" )->serverIp( ip_ )->probeTypeCountersDel( ProbeType::http );
+            http( 1 );
+         },
+         "assertion failed: probeTypeCounters: .*10.1.1.1.*web" );
+}
