@@ -234,6 +234,8 @@ TEST_F( ControlSocketTest, MakesAStalledReaderWaitAndNobodyElse ) {
    }
    const auto json = Json::parse( text );
    EXPECT_GE( json["healthMonitor/config/probeConfig"]["nhgProbeConfig"].size(), 10'000u );
+   // Much of it was not written yet when half of the groups went: it waited for the reader.
+   EXPECT_LT( json["healthMonitor/config/probeConfig"]["nhgProbeConfig"].size(), 15'000u );
 }
 
 TEST_F( ControlSocketTest, TellsASlowWatcherWhatItMissed ) {
