@@ -41,20 +41,15 @@ class AttributeRegistration {
    }
 };
 
-template<class E, class T>
-class ScalarAttribute final : public AttributeInfo, public ScalarInfo {
+/// All of a scalar's description but which entity it belongs to: one instantiation a type of value, in
+/// EntityMacros.cc for the common ones, however many attributes and sources there are.
+template<class T>
+class ScalarOf : public AttributeInfo, public ScalarInfo {
  public:
    static constexpr bool described = HasValueTraits<T>;
-   using Getter = const T & (E::*)() const;
-   using Setter = void ( E::* )( const T & );
+   using Getter = const T & (*)( const Entity & );
+   using Setter = void ( * )( Entity &, const T & );
    using Check = Refusal ( * )( const T & );
-
-   ScalarAttribute( const char * name, Getter getter, Setter setter, T ( *initial )(), Check check )
-         : AttributeInfo( name ),
-           getter_( getter ),
-           setter_( setter ),
-           initial_( initial ),
-           check_( check ) {}
 
    const ScalarInfo * scalar() const override { return described ? this : nullptr; }
    ValueKind kind() const override {
@@ -74,17 +69,23 @@ class ScalarAttribute final : public AttributeInfo, public ScalarInfo {
       T value{};
       return parse( text, value );
    }
-   std::string text( const Entity & entity ) const override {
-      return toText( ( static_cast<const E &>( entity ).*getter_ )() );
-   }
+   std::string text( const Entity & entity ) const override { return toText( getter_( entity ) ); }
    Refusal textIs( Entity & entity, std::string_view text ) const override {
       T value{};
       auto refusal = parse( text, value );
       if ( !refusal ) {
-         ( static_cast<E &>( entity ).*setter_ )( value );
+         setter_( entity, value );
       }
       return refusal;
    }
+
+ protected:
+   ScalarOf( const char * name, Getter getter, Setter setter, T ( *initial )(), Check check )
+         : AttributeInfo( name ),
+           getter_( getter ),
+           setter_( setter ),
+           initial_( initial ),
+           check_( check ) {}
 
  private:
    static std::string toText( const T & value ) {
@@ -110,6 +111,31 @@ class ScalarAttribute final : public AttributeInfo, public ScalarInfo {
    const Check check_;
 };
 
+extern template class ScalarOf<bool>;
+extern template class ScalarOf<std::int8_t>;
+extern template class ScalarOf<std::uint8_t>;
+extern template class ScalarOf<std::uint16_t>;
+extern template class ScalarOf<std::uint32_t>;
+extern template class ScalarOf<std::uint64_t>;
+extern template class ScalarOf<std::string>;
+extern template class ScalarOf<Seconds>;
+extern template class ScalarOf<IntfId>;
+extern template class ScalarOf<IpGenAddr>;
+extern template class ScalarOf<EthAddr>;
+
+/// A scalar of the entities of class E.
+template<class E, class T>
+class ScalarAttribute final : public ScalarOf<T> {
+ public:
+   ScalarAttribute( const char * name, typename ScalarOf<T>::Getter getter,
+         typename ScalarOf<T>::Setter setter, T ( *initial )(), typename ScalarOf<T>::Check check )
+         : ScalarOf<T>( name, getter, setter, initial, check ) {}
+};
+
+/// Bytes of a key as text: names of groups, profiles and interfaces go into names of the engine, paths and
+/// files.
+inline constexpr std::size_t longestKey = 255;
+
 /// What the keyed attributes share, over the container that a class keeps under the name.
 template<class E, class Key, class Base>
 class KeyedAttribute : public AttributeInfo, public Base {
@@ -126,6 +152,9 @@ class KeyedAttribute : public AttributeInfo, public Base {
       return {};
    }
    Refusal keyCheck( std::string_view text ) const override {
+      if ( text.size() > longestKey ) {
+         return "is longer than " + std::to_string( longestKey ) + " bytes";
+      }
       Key key{};
       auto refusal = parse( text, key );
       if ( !refusal && key == Key{} ) {
@@ -333,7 +362,14 @@ class ChildAttribute final : public AttributeInfo, public ChildInfo {
    }                                                                     \
    static const ::platform::ScalarAttribute<Self, Type> & attr##Attr() { \
       static const ::platform::ScalarAttribute<Self, Type> info(         \
-            #attr, &Self::attr, &Self::attr##Is, attr##Default, check ); \
+            #attr,                                                       \
+            []( const ::platform::Entity & entity ) -> const Type & {    \
+               return static_cast<const Self &>( entity ).attr##_;       \
+            },                                                           \
+            []( ::platform::Entity & entity, const Type & value ) {      \
+               static_cast<Self &>( entity ).attr##Is( value );          \
+            },                                                           \
+            attr##Default, check );                                      \
       return info;                                                       \
    }                                                                     \
                                                                          \

@@ -12,12 +12,6 @@ bool isBelow( const std::string & path, const std::string & root ) {
    return path.starts_with( root ) && ( path.size() == root.size() || path[root.size()] == '/' );
 }
 
-std::string_view takeComponent( std::string_view & rest ) {
-   const auto component = rest.substr( 0, rest.find( '/' ) );
-   rest.remove_prefix( std::min( component.size() + 1, rest.size() ) );
-   return component;
-}
-
 } // namespace
 
 void EntityManager::profileIs( const MountProfile & profile ) {
@@ -53,51 +47,6 @@ bool EntityManager::agentWrites( const std::string & path ) const {
       }
    }
    return false;
-}
-
-Refusal EntityManager::resolve( const std::string & path, StatePlace & place ) const {
-   const auto root = std::ranges::find_if(
-         roots_, [&path]( const auto & entry ) { return isBelow( path, entry.first ); } );
-   if ( root == roots_.end() ) {
-      return fmt::format( "no such path: {}", path );
-   }
-   StatePlace at{ root->second };
-   std::string_view rest = path;
-   rest.remove_prefix( std::min( root->first.size() + 1, rest.size() ) );
-   while ( !rest.empty() ) {
-      if ( at.attribute && ( at.attribute->scalar() || at.key ) ) {
-         return fmt::format( "nothing stands below {}", path.substr( 0, path.size() - rest.size() - 1 ) );
-      }
-      const auto component = takeComponent( rest );
-      if ( !at.attribute ) {
-         at.attribute = at.entity->type().attribute( component );
-         if ( !at.attribute ) {
-            return fmt::format( "{} has no attribute \"{}\"", at.entity->path(), component );
-         }
-         if ( const auto * child = at.attribute->child() ) {
-            at = StatePlace{ child->child( *at.entity ) };
-         }
-         continue;
-      }
-      const KeyedInfo * keyed = at.attribute->set();
-      if ( !keyed ) {
-         keyed = at.attribute->collection();
-      }
-      const auto key = pathUnescape( component );
-      const Refusal refusal = key ? keyed->keyCheck( *key ) : Refusal( "is not escaped well" );
-      if ( refusal ) {
-         return fmt::format(
-               "{}/{}: key \"{}\": {}", at.entity->path(), at.attribute->name(), component, *refusal );
-      }
-      const auto * collection = at.attribute->collection();
-      if ( collection && collection->has( *at.entity, *key ) ) {
-         at = StatePlace{ collection->entry( *at.entity, *key ) };
-      } else {
-         at.key = *key;
-      }
-   }
-   place = at;
-   return std::nullopt;
 }
 
 void MountGroup::mountProfile( const std::string & name ) {

@@ -24,14 +24,6 @@ struct MountProfile {
 
 enum class MountStatus : std::uint8_t { success = 0, unknownProfile = 1 };
 
-/// What a path names: an entity, or an attribute of it, or a key of that attribute.
-struct StatePlace {
-   Ptr<Entity> entity;
-   const AttributeInfo * attribute = nullptr;
-   std::optional<std::string> key =
-         std::nullopt; // of a set or a collection; as text, and there is no such entry
-};
-
 /// The trees of entities by their paths. Main thread; owned by the agent host, which fills it before the
 /// agent starts.
 class EntityManager : public RefCounted {
@@ -46,9 +38,6 @@ class EntityManager : public RefCounted {
    const std::map<std::string, Ptr<Entity>> & roots() const { return roots_; }
    /// Whether the entity at or above `path` is written by the agent only.
    bool agentWrites( const std::string & path ) const;
-
-   /// Finds the place that a path names. The text says which component is unknown when there is none.
-   [[nodiscard]] Refusal resolve( const std::string & path, StatePlace & place ) const;
 
  private:
    std::map<std::string, Ptr<Entity>> roots_;

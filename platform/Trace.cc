@@ -53,7 +53,7 @@ std::string_view baseName( std::string_view path ) {
 
 std::optional<unsigned> levelFromText( std::string_view text ) {
    unsigned level = 0;
-   const auto [ end, error ] = std::from_chars( text.data(), text.data() + text.size(), level );
+   const auto [end, error] = std::from_chars( text.data(), text.data() + text.size(), level );
    const bool read = error == std::errc{} && end == text.data() + text.size();
    return read && level <= TraceFacility::maxLevel ? std::optional( level ) : std::nullopt;
 }
@@ -109,10 +109,13 @@ void TraceFacility::write( int level, const char * file, int line, std::string_v
       message += "...";
    }
    const std::string payload = fmt::format( "{} {} {}:{} {}", name_, level, baseName( file ), line, message );
-   const spdlog::details::log_msg entry( name_, spdlog::level::info, payload );
-   out.sinks.log( entry );
-   if ( out.flushEachLine.load( std::memory_order_relaxed ) ) {
-      out.sinks.flush();
+   try {
+      out.sinks.log( spdlog::details::log_msg( name_, spdlog::level::info, payload ) );
+      if ( out.flushEachLine.load( std::memory_order_relaxed ) ) {
+         out.sinks.flush();
+      }
+   } catch ( const std::exception & ) {
+      // A full disk or a broken pipe costs lines, never the process.
    }
 }
 
@@ -196,7 +199,11 @@ void traceToStderrIs( bool on ) {
 }
 
 void traceFlush() {
-   output().sinks.flush();
+   try {
+      output().sinks.flush();
+   } catch ( const std::exception & ) {
+      // As for each line.
+   }
 }
 
 std::string fastTraceInit( const FastTraceConfig & config, const char * directory ) {

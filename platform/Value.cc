@@ -11,6 +11,36 @@ namespace {
 
 constexpr std::size_t longestText = 4096; // bytes; a URL or a pattern is far shorter
 
+// Whether the text is UTF-8 as RFC 3629 has it: no overlong forms, no surrogates, nothing above U+10FFFF.
+bool isUtf8( std::string_view text ) {
+   for ( std::size_t i = 0; i < text.size(); ) {
+      const auto lead = static_cast<unsigned char>( text[i] );
+      const std::size_t length = lead < 0x80   ? 1
+                                 : lead < 0xc2 ? 0
+                                 : lead < 0xe0 ? 2
+                                 : lead < 0xf0 ? 3
+                                 : lead < 0xf5 ? 4
+                                               : 0;
+      if ( length == 0 || i + length > text.size() ) {
+         return false;
+      }
+      char32_t point = length == 1 ? lead : lead & ( 0x7fu >> length );
+      for ( std::size_t k = 1; k < length; ++k ) {
+         const auto next = static_cast<unsigned char>( text[i + k] );
+         if ( ( next & 0xc0 ) != 0x80 ) {
+            return false;
+         }
+         point = point << 6 | ( next & 0x3f );
+      }
+      const bool overlong = ( length == 3 && point < 0x800 ) || ( length == 4 && point < 0x10000 );
+      if ( overlong || point > 0x10ffff || ( point >= 0xd800 && point <= 0xdfff ) ) {
+         return false;
+      }
+      i += length;
+   }
+   return true;
+}
+
 template<class T>
 bool wholeNumber( std::string_view text, T & value ) {
    const auto [end, error] = std::from_chars( text.data(), text.data() + text.size(), value );
@@ -23,6 +53,9 @@ Refusal plainText( std::string_view text ) {
    }
    if ( text.find( '\0' ) != text.npos ) {
       return "holds a NUL byte";
+   }
+   if ( !isUtf8( text ) ) {
+      return "is not UTF-8 text"; // it could be written to no file and no client as it is
    }
    return std::nullopt;
 }

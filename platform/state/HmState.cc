@@ -19,18 +19,34 @@ Refusal within( double value, double lowest, double highest ) {
    return std::nullopt;
 }
 
-Refusal schemeCheck(
-      const std::string & url, std::initializer_list<std::string_view> schemes, const char * expected ) {
+// SCHEME://HOST[:PORT][/…], the host not empty, an IPv6 one in brackets, the port a number from 1 to 65535.
+Refusal urlCheck( const std::string & url, std::initializer_list<std::string_view> schemes, bool portNeeded,
+      const char * expected ) {
+   if ( url.empty() ) {
+      return std::nullopt;
+   }
    for ( const char c : url ) {
       if ( static_cast<unsigned char>( c ) <= 0x20 || c == 0x7f ) {
          return "holds a blank or a control byte";
       }
    }
-   if ( url.empty() ||
-         std::ranges::any_of( schemes, [&url]( auto scheme ) { return url.starts_with( scheme ); } ) ) {
-      return std::nullopt;
+   const Refusal refusal = fmt::format( "expected {}", expected );
+   const auto * scheme =
+         std::ranges::find_if( schemes, [&url]( auto each ) { return url.starts_with( each ); } );
+   if ( scheme == schemes.end() ) {
+      return refusal;
    }
-   return fmt::format( "expected {}", expected );
+   std::string_view authority = std::string_view( url ).substr( scheme->size() );
+   authority = authority.substr( 0, authority.find_first_of( "/?#" ) );
+   authority.remove_prefix( authority.rfind( '@' ) == authority.npos ? 0 : authority.rfind( '@' ) + 1 );
+   const auto hostEnd = authority.starts_with( '[' ) ? authority.find( ']' ) + 1 : authority.find( ':' );
+   const auto host = authority.substr( 0, hostEnd );
+   const auto rest = authority.substr( host.size() );
+   std::int64_t port = 0;
+   const bool goodPort = rest.empty() ? !portNeeded
+                                      : rest.starts_with( ':' ) &&
+                                              !platform::integerFromText( rest.substr( 1 ), 1, 65535, port );
+   return host.empty() || host == "[]" || !goodPort ? refusal : std::nullopt;
 }
 
 } // namespace
@@ -48,20 +64,12 @@ Refusal timeoutCheck( const std::uint32_t & value ) {
 }
 
 Refusal httpUrlCheck( const std::string & url ) {
-   return schemeCheck(
-         url, { "http://", "https://" }, "http://HOST[:PORT]/PATH or https://HOST[:PORT]/PATH" );
+   return urlCheck(
+         url, { "http://", "https://" }, false, "http://HOST[:PORT]/PATH or https://HOST[:PORT]/PATH" );
 }
 
 Refusal tcpUrlCheck( const std::string & url ) {
-   auto refusal = schemeCheck( url, { "tcp://" }, "tcp://HOST:PORT" );
-   if ( refusal || url.empty() ) {
-      return refusal;
-   }
-   std::int64_t port = 0;
-   const auto digits = url.substr( url.rfind( ':' ) + 1 );
-   return platform::integerFromText( digits, 1, 65535, port )
-                ? Refusal( "expected tcp://HOST:PORT, PORT 1..65535" )
-                : std::nullopt;
+   return urlCheck( url, { "tcp://" }, true, "tcp://HOST:PORT, PORT 1..65535" );
 }
 
 Refusal patternCheck( const std::string & pattern ) {

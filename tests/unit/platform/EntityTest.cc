@@ -183,6 +183,8 @@ TEST( EntityDescription, ListsAttributesInOrderAndReadsThemAsText ) {
    EXPECT_EQ( groups->nextKey( *config, std::nullopt ), "web" );
    EXPECT_EQ( groups->nextKey( *config, "web" ), std::nullopt );
    EXPECT_EQ( groups->keyCheck( "" ), "is empty" );
+   EXPECT_EQ( groups->keyCheck( std::string( 256, 'x' ) ), "is longer than 255 bytes" );
+   EXPECT_EQ( groups->keyCheck( "\xff" ), "is not UTF-8 text" );
 
    const auto * vips = ProbeConfig::entityType().attribute( "pingDisabledVip" )->set();
    vips->insert( *config, "2001:DB8:0::1" );
@@ -217,6 +219,15 @@ TEST( EntityDescription, RefusesWhatIsOutOfBounds ) {
          { "globalUrl", "https://10.0.0.1:8443/x", true },
          { "globalUrl", "ftp://10.0.0.1/", false },
          { "globalUrl", "http://10.0.0.1/a b", false },
+         { "globalUrl", "http://[2001:db8::1]:8080", true },
+         { "globalUrl", "http://", false },
+         { "globalUrl", "http://:80/", false },
+         { "globalUrl", "http://[2001:db8::1/", false },
+         { "globalUrl", "http://h:99999/", false },
+         { "globalUrl", "http://h/\xff", false },
+         { "globalUrl", "http://h/\xc3\xa9", true },
+         { "sslProfile", "\xed\xa0\x80", false },
+         { "sslProfile", "\xc0\xaf", false },
    };
    for ( const auto & c : cases ) {
       const auto refusal = ProbeConfig::entityType().attribute( c.attribute )->scalar()->check( c.text );

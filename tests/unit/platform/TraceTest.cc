@@ -88,6 +88,13 @@ TEST_F( TraceFile, StaysWithinItsSizeForGood ) {
    EXPECT_THAT( contents( path ), HasSubstr( "x999" ) );
 }
 
+TEST_F( TraceFile, ADiskThatIsFullCostsLinesOnly ) {
+   std::filesystem::create_symlink( "/dev/full", directory + "/agent.flog" );
+   ASSERT_NE( open( { .fileName = "agent.flog" } ), "" );
+   traced( "lost" );
+   traceFlush();
+}
+
 TEST( TraceLevels, AreReadAsOperatorsWriteThem ) {
    EXPECT_EQ( traceLevelsFromText( "0-4" ), 0b11111 );
    EXPECT_EQ( traceLevelsFromText( "0-2,7" ), 0b10000111 );
