@@ -116,9 +116,12 @@ void NetCHASMInfoSm::handleNcTask() {
       ncTask_->scheduleTaskDelay( taskInterval_ );
       return;
    }
+   if ( !deletePendingMarks() ) {
+      ncTask_->scheduleTask();
+      return;
+   }
    swapWorkingCfg();
    ncPhase_ = NcPhase::createConfigFile;
-   deletePendingMarks();
    commonData()->probeIntervalIs( wholeSeconds( probeConfig_->probeInterval() ) );
    commonData()->configPhaseIs( ConfigPhase::backlogProcessing );
 }
@@ -207,21 +210,24 @@ bool NetCHASMInfoSm::generateDnsAndMarkCmds( bool add ) {
    return true;
 }
 
-void NetCHASMInfoSm::deletePendingMarks() {
+bool NetCHASMInfoSm::deletePendingMarks() {
    for ( const auto & item : commonData()->delMarkPendingListItems() ) {
+      if ( ncTask_->taskShouldYield() ) {
+         return false;
+      }
       const auto & serverIp = item.key;
       const auto serverMark = commonData()->serverIpToMark( serverIp );
       HM_ASSERT( serverMark, "mark missing for server {}", serverIp );
       if ( serverMark->refCount() != 0 ) {
          HM_TRACE( 4, "server {} is active again", serverIp );
-         commonData()->delMarkPendingListDel( serverIp );
-         continue;
+      } else {
+         commonData()->serverIpToMarkDel( serverIp );
+         commonData()->markToServerIpDel( serverMark->mark() );
+         commonData()->serverMarkBitmap()->clearBit( serverMark->mark() );
       }
-      commonData()->serverIpToMarkDel( serverIp );
-      commonData()->markToServerIpDel( serverMark->mark() );
-      commonData()->serverMarkBitmap()->clearBit( serverMark->mark() );
+      commonData()->delMarkPendingListDel( serverIp );
    }
-   commonData()->delMarkPendingListDelAll();
+   return true;
 }
 
 Ptr<NetCHASMFileCfg> NetCHASMInfoSm::createNetCHASMConfigFiles() {

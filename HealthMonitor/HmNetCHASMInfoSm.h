@@ -26,12 +26,12 @@ class NetCHASMFileCfg : public RefCounted {
    const std::string hostConfigPath_;
 };
 
-/// The steps of one update cycle, in their order. The first three may take several slices.
+/// The steps of one update cycle, in their order. Each may take several slices.
 enum class NcPhase : std::uint8_t {
    createConfigFile = 0,         // writes the file pair that the engine is not using
    createNetCHASMDeleteCmds = 1, // queues the removals, then the reload
    createNetCHASMAddCmds = 2,    // queues the additions
-   waitForCmdQueueToBeEmpty = 3, // looks every taskInterval() whether the command thread has taken them all
+   waitForCmdQueueToBeEmpty = 3, // looks every taskInterval() whether all were taken; then frees marks
 };
 
 /// Brings the model to the engine: each run of its task in phase netChasmInfoProcessing is a slice of the
@@ -67,13 +67,13 @@ class NetCHASMInfoSm : public Reactor {
    const Ptr<CommonData> & commonData() const { return commonData_; }
    const Ptr<NetCHASMInfo> & netchasmInfo() const { return netchasmInfo_; }
 
-   // Each generate… function returns true when its step is complete and false when it used up the slice.
+   // Each returns true when its step is complete and false when it used up the slice.
    bool generateHostConfigFile();
    bool generateNetCHASMDeleteCmds();
    bool generateNetCHASMAddCmds();
    bool generateDnsAndMarkCmds( bool add );
+   bool deletePendingMarks();
    bool addHosts( const HostGroupKey & key, const std::string & hostGroupName, const NhgHostList & hosts );
-   void deletePendingMarks();
 
    Ptr<NetCHASMFileCfg> createNetCHASMConfigFiles();
    void generateMasterConfig();

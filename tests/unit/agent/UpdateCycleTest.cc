@@ -316,7 +316,8 @@ TEST_F( UpdateCycle, FreesMarksThatNothingUsesAndKeepsThoseInUseAgain ) {
    EXPECT_TRUE( data_->serverMarkBitmap()->bit( 1 ) ) << "while commands are queued";
    takeCommands();
    clock_.advance( std::chrono::seconds( 5 ) );
-   runSlices();
+   scheduler_->sliceBudgetIs( {} );
+   EXPECT_EQ( runSlices(), 2 );
    EXPECT_FALSE( data_->serverMarkBitmap()->bit( 1 ) );
    EXPECT_FALSE( data_->serverIpToMarkHas( ip( "10.1.1.1" ) ) );
    EXPECT_FALSE( data_->markToServerIpHas( 1 ) );
