@@ -107,6 +107,18 @@ std::optional< Outcome > Check::openSocket() {
    return fault;
 }
 
+Outcome Check::blamed( const Outcome & outcome ) {
+   const bool unheard =
+         outcome.response == HM_RESPONSE_CONNECT_FAILURE || outcome.response == HM_RESPONSE_TIMEOUT;
+   if ( !unheard || fd_ < 0 || group_->source.family() != host_->target.address.family() )
+      return outcome;
+   // A bound socket does not notice: its connect finds no route (IPv4) or no answer (IPv6). Only bind()
+   // tells.
+   context_.calls.close( fd_ );
+   fd_ = -1;
+   return openSocket().value_or( outcome );
+}
+
 std::optional< Outcome > Check::onEvents( std::uint32_t events ) {
    switch ( state_ ) {
    case State::idle:

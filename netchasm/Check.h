@@ -55,6 +55,10 @@ class Check {
    std::optional< Outcome > onEvents( std::uint32_t events );
    /// The outcome of a check whose time is up.
    Outcome timedOut() const;
+   /// What the outcome says about the server: nothing when it got no connection or reply and the source
+   /// address has left this machine meanwhile. The descriptor, whose bind may be out of date, is then
+   /// renewed.
+   Outcome blamed( const Outcome & outcome );
    /// Ends the connection with a reset and forgets the host. False: the descriptor is of no more use.
    [[nodiscard]] bool release( bool answered );
 

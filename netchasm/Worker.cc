@@ -228,7 +228,8 @@ std::unique_ptr< Check > Worker::takeCheck( ConnectionPool & pool ) {
    return check;
 }
 
-void Worker::finish( Host & host, const Outcome & outcome ) {
+void Worker::finish( Host & host, const Outcome & ended ) {
+   const Outcome outcome = host.check ? host.check->blamed( ended ) : ended;
    const bool answered = outcome.response == HM_RESPONSE_ANSWERED;
    const bool retry = !answered && !isFinal( outcome.reason ) && host.retriesLeft > 0;
    ++host.numChecks;

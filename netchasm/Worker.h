@@ -77,7 +77,7 @@ class Worker {
    int waitMs() const;
    void runTimers();
    void begin( Host & host );
-   void finish( Host & host, const Outcome & outcome );
+   void finish( Host & host, const Outcome & ended );
    void report( const Host & host, const Check * check, const Outcome & outcome, HM_REASON reason );
    void logOutcome( const Host & host, const Check * check, const Outcome & outcome, bool last );
    void flushResults();

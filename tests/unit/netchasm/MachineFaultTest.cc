@@ -129,6 +129,22 @@ TEST_F( Machine, SourceAddressThatIsNotHereHoldsTheVerdict ) {
    EXPECT_EQ( server.connections(), 0 );
 }
 
+TEST_F( Machine, SourceAddressThatGoesAwayHoldsTheVerdict ) {
+   check( TestGroup{ "web" }.port( server.port() ).with( "source-address: 127.0.0.1" ) );
+   const auto unanswered = []( const auto & data ) { return data.m_response != HM_RESPONSE_ANSWERED; };
+   plan->bind = EADDRNOTAVAIL;
+   plan->connect = ENETUNREACH; // descriptors that were bound before
+   const HMCheckData gone = results->next( unanswered );
+   EXPECT_EQ( gone.m_response, HM_RESPONSE_NOT_CHECKED );
+   EXPECT_EQ( gone.m_reason, HM_REASON_NO_VERDICT );
+   plan->bind = 0; // the address is back, the server is not
+   EXPECT_EQ(
+         results->next( []( const auto & data ) { return data.m_reason != HM_REASON_NO_VERDICT; } ).m_reason,
+         HM_REASON_UNREACHABLE );
+   plan->connect = 0;
+   results->next( []( const auto & data ) { return data.m_response == HM_RESPONSE_ANSWERED; } );
+}
+
 TEST_F( Machine, MarkCheckSendsNothingBeforeItsMarkAndGoesQuietWithoutIt ) {
    if ( !maySetMarks() )
       GTEST_SKIP() << "needs the right to set marks";
