@@ -1,6 +1,9 @@
 #include "netchasm/SocketCalls.h"
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <netinet/tcp.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace netchasm {
@@ -24,6 +27,14 @@ int SocketCalls::open( int family, bool forSource ) {
    const int fd = ::socket( family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP );
    if ( fd < 0 )
       return fd;
+   rlimit limit{};
+   if ( ::getrlimit( RLIMIT_NOFILE, &limit ) == 0 &&
+         static_cast< rlim_t >( fd ) >=
+               limit.rlim_cur - std::min< rlim_t >( limit.rlim_cur / 4, reservedDescriptors ) ) {
+      ::close( fd );
+      errno = EMFILE;
+      return -1;
+   }
    const int on = 1;
    const linger reset{ 1, 0 };
    ::setsockopt( fd, SOL_SOCKET, SO_LINGER, &reset, sizeof( reset ) );

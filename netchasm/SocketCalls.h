@@ -26,10 +26,14 @@ struct SocketAddress {
 /// them fail. All as the calls beneath: -1 and errno on failure. Called by several workers at once.
 class SocketCalls {
  public:
+   static constexpr unsigned long reservedDescriptors = 256;
+
    virtual ~SocketCalls() = default;
 
    /// A non-blocking TCP socket for checks: closing it resets the connection, and its connections save the
-   /// handshake's last ACK. With `forSource` its port is chosen at connect, not at bind.
+   /// handshake's last ACK. With `forSource` its port is chosen at connect, not at bind. EMFILE already when
+   /// what the process may still open falls to `reservedDescriptors` (a quarter of a small limit): the rest
+   /// of the process, and the next reload, need some.
    virtual int open( int family, bool forSource );
    virtual int setMark( int fd, std::uint32_t mark );
    virtual int bindSource( int fd, const SocketAddress & source );
