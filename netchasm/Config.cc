@@ -6,10 +6,13 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <new>
 #include <span>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 #include <unordered_set>
+#include <yaml-cpp/eventhandler.h>
 #include <yaml-cpp/yaml.h>
 
 namespace netchasm {
@@ -53,6 +56,40 @@ bool isText( std::string_view bytes ) {
    return true;
 }
 
+/// Reads a file without building its tree, and refuses one whose tree would not be used or not fit.
+class YamlBounds : public YAML::EventHandler {
+ public:
+   void OnDocumentStart( const YAML::Mark & mark ) override {
+      if ( ++documents_ > 1 )
+         throw YAML::ParserException( mark, "more than one document" );
+   }
+   void OnDocumentEnd() override {}
+   void OnNull( const YAML::Mark & mark, YAML::anchor_t ) override { count( mark ); }
+   void OnAlias( const YAML::Mark & mark, YAML::anchor_t ) override { count( mark ); }
+   void OnScalar(
+         const YAML::Mark & mark, const std::string &, YAML::anchor_t, const std::string & ) override {
+      count( mark );
+   }
+   void OnSequenceStart(
+         const YAML::Mark & mark, const std::string &, YAML::anchor_t, YAML::EmitterStyle::value ) override {
+      count( mark );
+   }
+   void OnSequenceEnd() override {}
+   void OnMapStart(
+         const YAML::Mark & mark, const std::string &, YAML::anchor_t, YAML::EmitterStyle::value ) override {
+      count( mark );
+   }
+   void OnMapEnd() override {}
+
+ private:
+   void count( const YAML::Mark & mark ) {
+      if ( ++nodes_ > maxConfigNodes )
+         throw YAML::ParserException( mark, fmt::format( "more than {} values", maxConfigNodes ) );
+   }
+   std::size_t documents_ = 0;
+   std::size_t nodes_ = 0;
+};
+
 /// One YAML file being read: every complaint names the file and line.
 class YamlFile {
  public:
@@ -68,9 +105,13 @@ class YamlFile {
       if ( !isText( *bytes ) )
          throw ConfigError( fmt::format( "{}: not UTF-8 text", path_ ) );
       try {
+         std::istringstream stream{ *bytes };
+         YAML::Parser parser{ stream };
+         YamlBounds bounds;
+         while ( parser.HandleNextDocument( bounds ) ) {}
          return YAML::Load( *bytes );
       } catch ( const YAML::Exception & e ) {
-         throw ConfigError( fmt::format( "{}:{}: not YAML: {}", path_, e.mark.line + 1, e.msg ) );
+         throw ConfigError( fmt::format( "{}:{}: not usable YAML: {}", path_, e.mark.line + 1, e.msg ) );
       }
    }
 
@@ -365,6 +406,8 @@ std::optional< Config > loadConfig( const std::string & masterPath, std::string 
       error = e.what();
    } catch ( const YAML::Exception & e ) {
       error = fmt::format( "{}: {}", masterPath, e.what() );
+   } catch ( const std::bad_alloc & ) {
+      error = masterPath + ": no memory for the configuration";
    }
    return std::nullopt;
 }

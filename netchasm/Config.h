@@ -60,7 +60,10 @@ inline constexpr std::chrono::milliseconds defaultTimeout{ 10'000 };
 inline constexpr std::chrono::milliseconds defaultConnectTimeout{ 3'000 };
 inline constexpr std::chrono::milliseconds minInterval{ 10 };
 inline constexpr std::size_t maxHosts = 1U << 18;
-inline constexpr std::size_t maxConfigBytes = 64U << 20;
+inline constexpr std::size_t maxConfigBytes = 16U << 20;
+/// Values, lists and maps of one file: a tree of them costs some 500 bytes each, whatever the file's size. As
+/// many groups as there are firewall marks, each with every key and a host of its own, stay within.
+inline constexpr std::size_t maxConfigNodes = 1U << 20;
 
 /// Reads the master file and the host file that it names. Files are judged whole: nothing, with the file,
 /// line and reason in `error`, when anything in them cannot be used. Keys that are not known are noticed and
