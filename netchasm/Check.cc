@@ -1,4 +1,5 @@
 #include "netchasm/Check.h"
+#include <algorithm>
 #include <cerrno>
 #include <sys/epoll.h>
 
@@ -59,6 +60,7 @@ std::optional< Outcome > Check::start( Host & host, TimePoint now ) {
    host_ = &host;
    group_ = host.group;
    started_ = now;
+   lostBefore_ = context_.lost;
    authority_ = host.authority;
    sent_ = 0;
    response_.reset();
@@ -176,6 +178,8 @@ std::optional< Outcome > Check::handshake( std::uint32_t events ) {
       return std::nullopt;
    case TlsConnection::Step::untrusted:
       return failed( HM_REASON_TLS_VERIFY );
+   case TlsConnection::Step::noBuffer:
+      return ofThisMachine( "send", ENOBUFS );
    case TlsConnection::Step::closed:
    case TlsConnection::Step::reset:
    case TlsConnection::Step::failed:
@@ -195,15 +199,7 @@ std::string_view Check::request() {
 std::optional< Outcome > Check::sendRequest( std::uint32_t events ) {
    const std::string_view whole = request();
    if ( overTls() ) {
-      switch ( tls_->send( whole ) ) {
-      case TlsConnection::Step::done:
-         state_ = State::receiving;
-         return receive( events );
-      case TlsConnection::Step::wait:
-         return std::nullopt;
-      default:
-         return failed( HM_REASON_REPLY_CLOSED );
-      }
+      return sentTls( tls_->send( whole ), events );
    }
    const std::string_view rest = whole.substr( sent_ );
    const ssize_t n = context_.calls.send( fd_, rest.data(), rest.size() );
@@ -225,15 +221,25 @@ std::optional< Outcome > Check::sendRequest( std::uint32_t events ) {
 std::optional< Outcome > Check::resumeSending( std::uint32_t events ) {
    if ( !overTls() )
       return sendRequest( events );
-   switch ( tls_->flush() ) {
+   return sentTls( tls_->flush(), events );
+}
+
+std::optional< Outcome > Check::sentTls( TlsConnection::Step step, std::uint32_t events ) {
+   switch ( step ) {
    case TlsConnection::Step::done:
       state_ = State::receiving;
       return receive( events );
    case TlsConnection::Step::wait:
       return std::nullopt;
-   default:
-      return failed( HM_REASON_REPLY_CLOSED );
+   case TlsConnection::Step::noBuffer:
+      return ofThisMachine( "send", ENOBUFS );
+   case TlsConnection::Step::closed:
+   case TlsConnection::Step::reset:
+   case TlsConnection::Step::untrusted:
+   case TlsConnection::Step::failed:
+      break;
    }
+   return failed( HM_REASON_REPLY_CLOSED );
 }
 
 std::optional< Outcome > Check::receive( std::uint32_t events ) {
@@ -276,13 +282,16 @@ std::optional< Outcome > Check::receiveTls() {
             return outcome;
          break;
       case TlsConnection::Step::wait:
-         return tls_->flush() == TlsConnection::Step::reset
-                      ? std::optional{ failed( HM_REASON_REPLY_CLOSED ) }
-                      : std::nullopt;
+         if ( const auto rest = tls_->flush(); rest == TlsConnection::Step::noBuffer )
+            return ofThisMachine( "send", ENOBUFS );
+         else if ( rest == TlsConnection::Step::reset )
+            return failed( HM_REASON_REPLY_CLOSED );
+         return std::nullopt;
       case TlsConnection::Step::closed:
          response_.endOfStream();
          return endOfReply();
       case TlsConnection::Step::reset:
+      case TlsConnection::Step::noBuffer:
          return failed( HM_REASON_REPLY_CLOSED );
       case TlsConnection::Step::untrusted:
       case TlsConnection::Step::failed:
@@ -311,6 +320,8 @@ Outcome Check::endOfReply() {
 }
 
 Outcome Check::timedOut() const {
+   if ( lost() > stallBound )
+      return ofThisMachine( "loop", ETIME );
    switch ( state_ ) {
    case State::idle:
    case State::connecting:
@@ -325,12 +336,15 @@ Outcome Check::timedOut() const {
 }
 
 TimePoint Check::deadline() const {
-   return started_ + ( state_ == State::connecting ? group_->connectTimeout : group_->timeout );
+   const Duration limit = state_ == State::connecting ? group_->connectTimeout : group_->timeout;
+   return started_ + limit + std::min< Duration >( lost(), stallBound );
 }
 
 bool Check::release( bool answered ) {
    if ( tls_ )
       tls_->end( answered || state_ == State::receiving );
+   if ( response_.body().size() > keptBodyBytes )
+      response_.shrink();
    state_ = State::idle;
    host_ = nullptr;
    group_.reset();

@@ -26,6 +26,7 @@ struct CheckContext {
    SocketCalls & calls;
    int epoll;
    std::string scratch;
+   Duration lost{}; ///< by the worker's own lateness, since it began
    std::unique_ptr< char[] > received = std::make_unique< char[] >( receiveBytes );
 };
 
@@ -41,6 +42,9 @@ struct CheckContext {
 /// Steps that end the check return its outcome; the owner then calls release(). Used by one worker.
 class Check {
  public:
+   /// A longer body gives its storage back: thousands of checks may be idle.
+   static constexpr std::size_t keptBodyBytes = 1024;
+
    enum class State : std::uint8_t { idle, connecting, handshaking, sending, receiving };
 
    /// `home`: where it waits between checks.
@@ -63,11 +67,9 @@ class Check {
    [[nodiscard]] bool release( bool answered );
 
    ConnectionPool & home() const { return home_; }
-   State state() const { return state_; }
    Host * host() const { return host_; }
-   const HostGroup & group() const { return *group_; }
    TimePoint started() const { return started_; }
-   /// The time limit that applies in this state.
+   /// The time limit that applies in this state; later when the worker came late.
    TimePoint deadline() const;
    const HttpResponse & response() const { return response_; }
    /// More about a failed TLS handshake; else empty.
@@ -75,10 +77,12 @@ class Check {
 
  private:
    std::optional< Outcome > openSocket();
+   Duration lost() const { return context_.lost - lostBefore_; }
    std::optional< Outcome > connected( std::uint32_t events );
    std::optional< Outcome > handshake( std::uint32_t events );
    std::optional< Outcome > sendRequest( std::uint32_t events );
    std::optional< Outcome > resumeSending( std::uint32_t events );
+   std::optional< Outcome > sentTls( TlsConnection::Step step, std::uint32_t events );
    std::optional< Outcome > receive( std::uint32_t events );
    std::optional< Outcome > receivePlain( std::uint32_t events );
    std::optional< Outcome > receiveTls();
@@ -96,6 +100,7 @@ class Check {
    Host * host_ = nullptr;
    std::shared_ptr< const HostGroup > group_; ///< as it was at the start
    TimePoint started_;
+   Duration lostBefore_{}; ///< by the worker until the start
    std::string authority_; ///< as it was at the start
    std::size_t sent_ = 0;
    HttpResponse response_;

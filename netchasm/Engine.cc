@@ -54,13 +54,15 @@ void Engine::observerIs( std::shared_ptr< HMStorageObserver > observer ) {
 
 bool Engine::start( const std::string & masterPath, int logLevel, bool startChecking ) {
    const std::lock_guard lock{ mutex_ };
-   log_.levelIs( logLevel );
    if ( started_ ) {
       log_.write( HM_LOG_ERROR, "checking was started before" );
       return false;
    }
-   if ( log_.sink() && !log_.sink()->openLog( "netchasm" ) )
+   log_.levelIs( logLevel );
+   if ( log_.sink() && !log_.sink()->openLog( "netchasm" ) ) {
+      log_.write( HM_LOG_FATAL, "the log cannot be opened, checking is not started" );
       return false;
+   }
    Config config;
    bool good = load( masterPath, config );
    if ( good && startChecking ) {
@@ -111,9 +113,10 @@ bool Engine::ensureWorkers( std::size_t count ) {
       auto worker = std::make_unique< Worker >(
             static_cast< unsigned >( workers_.size() ), log_, *calls_, observer_ );
       if ( !worker->start() ) {
-         const int error = errno;
-         log_.write( HM_LOG_FATAL, "no thread for checks: {}", std::generic_category().message( error ) );
-         return false;
+         const std::string why = std::generic_category().message( errno );
+         log_.write( workers_.empty() ? HM_LOG_FATAL : HM_LOG_ERROR, "{} of {} threads for checks: {}",
+               workers_.size(), count, why );
+         return !workers_.empty();
       }
       const std::lock_guard lock{ delaysMutex_ };
       workers_.push_back( std::move( worker ) );
@@ -137,7 +140,7 @@ std::shared_ptr< const HostGroup > Engine::settingsFor(
 
 void Engine::apply( const Config & config ) {
    ++loads_;
-   activeWorkers_ = workerCount( config );
+   activeWorkers_ = std::min( workerCount( config ), workers_.size() );
    tls_.beginReload();
    // First the hosts leave that are gone or change their worker, then the others learn what is new: a host
    // has one owner.
@@ -165,8 +168,10 @@ void Engine::apply( const Config & config ) {
          if ( moves )
             leaving[host->worker].push_back( { Command::Kind::move, host.get(), {}, {} } );
          if ( isNew || moves || !sameSettings ) {
+            host->told = targetOf( *settings, name );
+            host->settled = true;
             staying[worker].push_back( { isNew || moves ? Command::Kind::take : Command::Kind::group,
-                  host.get(), settings, targetOf( *settings, name ) } );
+                  host.get(), settings, host->told } );
          }
          host->worker = worker;
       }
@@ -236,8 +241,12 @@ void Engine::retarget( const std::string & host, bool settle ) {
    const auto [first, last] = byName_.equal_range( host );
    for ( auto it = first; it != last; ++it ) {
       const auto & [group, entry] = it->second;
-      orders[entry->worker].push_back(
-            { Command::Kind::target, entry, {}, targetOf( *group->settings, host ) } );
+      const Target target = targetOf( *group->settings, host );
+      if ( target == entry->told && ( entry->settled || !settle ) )
+         continue; // waiting for the worker is what a removal costs
+      entry->told = target;
+      entry->settled = settle;
+      orders[entry->worker].push_back( { Command::Kind::target, entry, {}, target } );
    }
    deliver( orders, settle );
 }

@@ -53,11 +53,11 @@ class Engine {
    using Orders = std::vector< std::vector< Command > >;
 
    bool load( const std::string & masterPath, Config & config );
+   /// Starts what is missing; with fewer than wanted the engine makes do. False: there is none.
    bool ensureWorkers( std::size_t count );
    std::size_t workerCount( const Config & config ) const;
    std::shared_ptr< const HostGroup > settingsFor( const Config::Group & wanted, const Group * present );
    void apply( const Config & config );
-   void remove( const std::string & groupName, Group & group, Host & host, Orders & orders );
    Target targetOf( const HostGroup & group, const std::string & host ) const;
    void retarget( const std::string & host, bool settle );
    void deliver( Orders & orders, bool settle );

@@ -35,6 +35,8 @@ struct Host {
    // The thread that calls the engine.
    std::size_t worker = 0;
    std::uint64_t load = 0; ///< the last configuration load that named it
+   Target told;            ///< what its worker was told last
+   bool settled = true;    ///< and has taken up for certain
 
    // The worker.
    std::shared_ptr< const HostGroup > group;
@@ -44,8 +46,9 @@ struct Host {
    State state = State::quiet;
    bool retrying = false; ///< this attempt follows a failed one
    std::uint16_t retriesLeft = 0;
-   TimePoint due;   ///< of the check that comes next, or the last one that came due
-   TimePoint phase; ///< a point of the schedule, which is this and every interval before and after
+   TimePoint due;     ///< of the check that comes next, or the last one that came due
+   TimePoint retryAt; ///< with `retrying`: the attempt that comes next, or the last one
+   TimePoint phase;   ///< a point of the schedule, which is this and every interval before and after
    Check * check = nullptr;
    std::size_t timerIndex = TimerHeap< Host >::npos;
    std::uint32_t numChecks = 0;
@@ -55,6 +58,8 @@ struct Host {
    std::uint32_t numTimeouts = 0;
    TlsTicket ticket;
 
+   /// The timer of a waiting host.
+   TimePoint next() const { return retrying ? retryAt : due; }
    bool ready() const { return !target.address.empty() && ( !group->needsMark || target.mark != 0 ); }
 };
 

@@ -13,9 +13,13 @@ using Duration = Clock::duration;
 /// Checks due within one tick are started together, so that one wake-up serves them all.
 inline constexpr std::chrono::milliseconds tick{ 4 };
 
-/// A worker that comes back this much later than it asked for was stopped by its machine: what timed out
-/// meanwhile says nothing about the servers.
-inline constexpr std::chrono::seconds stallBound{ 1 };
+/// A turn of a worker that took this much longer than it meant to wait kept replies waiting: the checks that
+/// run get that time back.
+inline constexpr std::chrono::milliseconds overrunBound{ 50 };
+
+/// The most that a check gets back. When it lost more and still times out, the machine was too slow to say
+/// anything about the server.
+inline constexpr std::chrono::seconds stallBound{ 2 };
 
 /// A check whose turn comes more than this after its due time is given up for this time: one interval, but at
 /// least one second and at most five.

@@ -37,24 +37,18 @@ TlsConnection::~TlsConnection() {
 bool TlsConnection::begin( const std::shared_ptr< const TlsContext > & context, int fd,
       const HMIPAddress & peer, TlsTicket & ticket, TimePoint now ) {
    ERR_clear_error();
-   if ( ssl_ && context != context_ ) {
+   ssl_ = SSL_new( context->get() );
+   BIO * const bio = ssl_ ? BIO_new( socketMethod() ) : nullptr;
+   if ( !bio ) {
       SSL_free( ssl_ );
       ssl_ = nullptr;
+      return false;
    }
-   if ( !ssl_ ) {
-      ssl_ = SSL_new( context->get() );
-      BIO * const bio = ssl_ ? BIO_new( socketMethod() ) : nullptr;
-      if ( !bio ) {
-         SSL_free( ssl_ );
-         ssl_ = nullptr;
-         return false;
-      }
-      BIO_set_data( bio, this );
-      BIO_set_init( bio, 1 );
-      SSL_set_bio( ssl_, bio, bio );
-      SSL_set_app_data( ssl_, this );
-      SSL_set_connect_state( ssl_ );
-   }
+   BIO_set_data( bio, this );
+   BIO_set_init( bio, 1 );
+   SSL_set_bio( ssl_, bio, bio );
+   SSL_set_app_data( ssl_, this );
+   SSL_set_connect_state( ssl_ );
    fd_ = fd;
    ended_ = false;
    out_.clear();
@@ -76,6 +70,7 @@ bool TlsConnection::begin( const std::shared_ptr< const TlsContext > & context, 
 TlsConnection::Step TlsConnection::handshake() {
    if ( const Step step = flush(); step != Step::done )
       return step;
+   ERR_clear_error();
    const int result = SSL_do_handshake( ssl_ );
    if ( result == 1 )
       return Step::done;
@@ -86,12 +81,14 @@ TlsConnection::Step TlsConnection::handshake() {
 }
 
 TlsConnection::Step TlsConnection::send( std::string_view bytes ) {
+   ERR_clear_error(); // of another connection of this thread: SSL_get_error() would take it for ours
    const int result = SSL_write( ssl_, bytes.data(), static_cast< int >( bytes.size() ) );
    return result > 0 ? flush() : failure( result );
 }
 
 TlsConnection::Step TlsConnection::receive( char * bytes, std::size_t size, std::size_t & got ) {
    got = 0;
+   ERR_clear_error();
    const int result = SSL_read_ex( ssl_, bytes, size, &got );
    return result == 1 ? Step::done : failure( result );
 }
@@ -99,8 +96,11 @@ TlsConnection::Step TlsConnection::receive( char * bytes, std::size_t size, std:
 TlsConnection::Step TlsConnection::flush() {
    while ( sent_ < out_.size() ) {
       const ssize_t n = calls_.send( fd_, out_.data() + sent_, out_.size() - sent_ );
-      if ( n < 0 )
+      if ( n < 0 ) {
+         if ( errno == ENOBUFS || errno == ENOMEM )
+            return Step::noBuffer;
          return errno == EAGAIN || errno == EINTR ? Step::wait : Step::reset;
+      }
       sent_ += static_cast< std::size_t >( n );
    }
    out_.clear();

@@ -44,6 +44,7 @@ class TlsConnection {
       wait,      ///< go on at the socket's next event
       closed,    ///< the peer ended the connection
       reset,     ///< the peer, or the network, broke it off
+      noBuffer,  ///< this machine has none for what is to be sent
       untrusted, ///< the peer's certificate was refused
       failed,    ///< anything else: error() tells
    };

@@ -135,12 +135,16 @@ void Worker::run() {
    epoll_event events[256];
    now_ = Clock::now();
    nextTrim_ = now_ + trimPeriod;
+   TimePoint woke = now_;
    while ( true ) {
       const int timeoutMs = waitMs();
       const int count = ::epoll_wait( checks_.epoll, events, std::size( events ), timeoutMs );
-      const TimePoint before = now_;
       now_ = Clock::now();
-      stalled_ = timeoutMs >= 0 && now_ - before > milliseconds{ timeoutMs } + stallBound;
+      const Duration overrun = now_ - woke - milliseconds{ timeoutMs };
+      if ( overrun > overrunBound )
+         checks_.lost += 2 * overrun; // the wait may have hidden part of the stop
+      woke = now_;
+      moreEvents_ = count == static_cast< int >( std::size( events ) );
       bool commands = false;
       for ( int i = 0; i < count; ++i ) {
          if ( !events[i].data.ptr ) {
@@ -151,15 +155,16 @@ void Worker::run() {
          if ( const auto outcome = check.onEvents( events[i].events ) )
             finish( *check.host(), *outcome );
       }
+      flushResults();
+      if ( commands ) {
+         takeCommands(); // before checks start: somebody waits
+         if ( stopped_ )
+            break;
+      }
       runTimers();
       flushResults();
       if ( now_ >= nextTrim_ )
          trimPools();
-      if ( commands ) {
-         takeCommands();
-         if ( stopped_ )
-            break;
-      }
    }
    abandonAll();
 }
@@ -188,12 +193,11 @@ void Worker::runTimers() {
          ++started;
          begin( host );
       } else if ( const TimePoint deadline = host.check->deadline(); deadline > now_ ) {
-         timers_.schedule( host, deadline ); // connected meanwhile
+         timers_.schedule( host, deadline ); // connected meanwhile, or got time back
+      } else if ( moreEvents_ && now_ - deadline < stallBound ) {
+         timers_.schedule( host, now_ + tick ); // its reply may be among them
       } else {
-         Outcome outcome = host.check->timedOut();
-         if ( stalled_ )
-            outcome = { HM_RESPONSE_NOT_CHECKED, HM_REASON_NO_VERDICT, ETIME, "loop" };
-         finish( host, outcome );
+         finish( host, host.check->timedOut() );
       }
    }
 }
@@ -256,7 +260,8 @@ void Worker::finish( Host & host, const Outcome & ended ) {
    if ( retry ) {
       --host.retriesLeft;
       host.retrying = true;
-      wait( host, now_ + std::max< Duration >( host.group->retryDelay, tick ) );
+      host.retryAt = now_ + std::max< Duration >( host.group->retryDelay, tick );
+      wait( host );
    } else {
       waitForNext( host );
    }
@@ -328,15 +333,15 @@ void Worker::release( Host & host, bool answered ) {
       check->home().idle.push_back( std::move( check ) );
 }
 
-void Worker::wait( Host & host, TimePoint when ) {
+void Worker::wait( Host & host ) {
    host.state = State::waiting;
-   timers_.schedule( host, when );
+   timers_.schedule( host, host.next() );
 }
 
 void Worker::waitForNext( Host & host ) {
    host.retrying = false;
    host.phase = host.due = nextDue( host.phase, now_, host.group->interval );
-   wait( host, host.due );
+   wait( host );
 }
 
 bool Worker::closeIdle() {
@@ -387,14 +392,13 @@ void Worker::execute( Command & command ) {
    Host & host = *command.host;
    switch ( command.kind ) {
    case Command::Kind::take:
-      host.group = std::move( command.group );
-      host.target = command.target;
-      if ( host.state == State::waiting )
-         timers_.schedule( host, host.due );
-      prepare( host );
-      return;
    case Command::Kind::group:
-      regroup( host, command );
+      settingsIs( host, std::move( command.group ) );
+      if ( host.target != command.target ) {
+         abandon( host );
+         host.target = command.target;
+      }
+      prepare( host );
       return;
    case Command::Kind::target:
       if ( host.target == command.target )
@@ -403,7 +407,7 @@ void Worker::execute( Command & command ) {
       if ( host.retrying && host.target.address != command.target.address ) {
          host.retrying = false;
          host.due = now_;
-         timers_.schedule( host, now_ );
+         wait( host );
       }
       host.target = command.target;
       prepare( host );
@@ -416,22 +420,27 @@ void Worker::execute( Command & command ) {
    }
 }
 
-void Worker::regroup( Host & host, Command & command ) {
-   const Duration interval = command.group->interval;
-   if ( interval < host.group->interval ) {
-      host.phase = dueAfterIntervalChange( host.phase, now_, interval );
-      if ( host.state == State::waiting && !host.retrying ) {
-         host.due = dueAfterIntervalChange( host.due, now_, interval );
-         timers_.schedule( host, host.due );
+/// The host's settings; its schedule follows where they differ from those it had, maybe at another worker.
+void Worker::settingsIs( Host & host, std::shared_ptr< const HostGroup > settings ) {
+   if ( host.group ) {
+      const HostGroup & before = *host.group;
+      const Duration interval = settings->interval;
+      if ( interval < before.interval ) {
+         host.phase = dueAfterIntervalChange( host.phase, now_, interval );
+         if ( host.state == State::waiting )
+            host.due = dueAfterIntervalChange( host.due, now_, interval );
+      } else if ( interval > before.interval ) {
+         // Phases of the shorter interval would crowd one part of the longer one.
+         host.phase = firstDue( now_, spreadFraction( spread_++ ), interval ).phase;
       }
+      host.retriesLeft = std::min( host.retriesLeft, settings->retries );
+      host.retryAt = std::min( host.retryAt, now_ + std::max< Duration >( settings->retryDelay, tick ) );
+      if ( settings->port != before.port )
+         host.ticket.session.reset(); // another server
    }
-   host.group = std::move( command.group );
-   host.retriesLeft = std::min( host.retriesLeft, host.group->retries );
-   if ( host.target != command.target ) {
-      abandon( host );
-      host.target = command.target;
-   }
-   prepare( host );
+   host.group = std::move( settings );
+   if ( host.state == State::waiting )
+      wait( host );
 }
 
 /// Ends a running check unreported; the host is then due at once.
@@ -439,8 +448,8 @@ void Worker::abandon( Host & host ) {
    if ( host.state != State::running )
       return;
    release( host, false );
-   host.due = now_;
-   wait( host, now_ );
+   host.due = host.retryAt = now_;
+   wait( host );
 }
 
 /// Brings what follows from settings and target up to date, and the host's state in line with its readiness.
@@ -460,7 +469,7 @@ void Worker::prepare( Host & host ) {
       const FirstDue times = firstDue( now_, spreadFraction( spread_++ ), host.group->interval );
       host.due = times.first;
       host.phase = times.phase;
-      wait( host, host.due );
+      wait( host );
    }
 }
 

@@ -36,10 +36,10 @@ struct Command {
 /// One thread with one event loop and the hosts that were given to it: starts their checks when they are due,
 /// drives them, reports them.
 ///
-/// A turn of the loop: wait for events; drive the checks that have some; end what timed out and start what is
-/// due (at ticks only, so that one wake-up serves several checks); hand over the results; take commands.
-/// Checks start only after all events of a turn were handled, so an event never meets a check that began
-/// later over the same descriptor.
+/// A turn of the loop: wait for events; drive the checks that have some; hand over the results; take
+/// commands; end what timed out and start what is due (at ticks only, so that one wake-up serves several
+/// checks); hand over the results of that. Checks start only after all events of a turn were handled, so an
+/// event never meets a check that began later over the same descriptor.
 ///
 /// Why no event library: the loop needs no more than epoll, a heap and a clock reading a turn; with libevent
 /// each check would pay for adding and deleting its events and timeouts. bench/ holds the loop against a bare
@@ -82,14 +82,14 @@ class Worker {
    void logOutcome( const Host & host, const Check * check, const Outcome & outcome, bool last );
    void flushResults();
    void release( Host & host, bool answered );
-   void wait( Host & host, TimePoint when );
+   void wait( Host & host );
    void waitForNext( Host & host );
    std::unique_ptr< Check > takeCheck( ConnectionPool & pool );
    void trimPools();
 
    void takeCommands();
    void execute( Command & command );
-   void regroup( Host & host, Command & command );
+   void settingsIs( Host & host, std::shared_ptr< const HostGroup > settings );
    void abandon( Host & host );
    void prepare( Host & host );
    void wake();
@@ -108,7 +108,7 @@ class Worker {
    std::map< HMIPAddress, ConnectionPool > pools_[2]; ///< by source address, for IPv4 and IPv6 peers
    TimePoint now_;
    TimePoint nextTrim_;
-   bool stalled_ = false; ///< this turn came far too late
+   bool moreEvents_ = false; ///< this turn could not fetch all events that stood
    bool stopped_ = false;
    std::uint64_t spread_;
    std::vector< HMCheckData > results_;
@@ -118,9 +118,9 @@ class Worker {
    // Shared, under mutex_.
    std::mutex mutex_;
    std::condition_variable settled_;
-   std::vector< Command > mailbox_;
-   std::uint64_t asked_ = 0; ///< rounds of commands posted
-   std::uint64_t done_ = 0;  ///< of them taken and executed
+   std::vector< Command > mailbox_; ///< unbounded: no command may be lost, and each answers one call
+   std::uint64_t asked_ = 0;        ///< rounds of commands posted
+   std::uint64_t done_ = 0;         ///< of them taken and executed
    bool stop_ = false;
 
    int wakeUp_ = -1; ///< eventfd

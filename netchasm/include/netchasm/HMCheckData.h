@@ -20,8 +20,7 @@ enum HM_REASON : std::uint8_t {
    HM_REASON_NONE = 0, ///< answered
    /// No verdict, the published state is to be held: either a failed attempt while retries remain
    /// (`m_response` tells how it failed), or a fault of this machine: no descriptor, port or buffer, a source
-   /// address that is not there, a mark that may not be set, a check whose turn came too late, or an engine
-   /// that was stopped in the middle of it.
+   /// address that is not there, a mark that may not be set, or a check that came or was served too late.
    HM_REASON_NO_VERDICT = 1,
    HM_REASON_CONNECT_REFUSED = 2, ///< the peer answered the handshake with a reset
    HM_REASON_UNREACHABLE = 3,     ///< no route, or ICMP says that network, host or port cannot be reached
@@ -33,10 +32,11 @@ enum HM_REASON : std::uint8_t {
          8,                 ///< the peer's certificate is not trusted, expired, or not for the address probed
    HM_REASON_TLS_FILES = 9, ///< the CA or certificate file cannot be used; the log names the file
    HM_REASON_REPLY_TIMEOUT = 10,   ///< the reply was not complete in time
-   HM_REASON_REPLY_CLOSED = 11,    ///< closed or reset before the reply was complete
+   HM_REASON_REPLY_CLOSED = 11,    ///< closed, reset or broken off before the reply was complete
    HM_REASON_REPLY_MALFORMED = 12, ///< not an HTTP/1.x response
-   HM_REASON_REPLY_TOO_LARGE = 13, ///< header block, or framing around the body, beyond the limits below
-   HM_REASON_SETTINGS = 14,        ///< the host group cannot be checked as configured (a port that is none)
+   HM_REASON_REPLY_TOO_LARGE =
+         13, ///< headers beyond the limit below, or framing around the body beyond eight times the body's
+   HM_REASON_SETTINGS = 14, ///< the host group cannot be checked as configured (a port that is none)
 };
 
 /// Bytes of a reply that are accepted before its body (1xx responses included); more is

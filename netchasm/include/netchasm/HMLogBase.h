@@ -3,12 +3,11 @@
 #include <cstdint>
 #include <string>
 
-/// Detail of the engine's log, from -2 (only what stops checking altogether) to 9 (every step of every
-/// check). An entry is written when its level is at or below the configured one. Any signed 8-bit value may
-/// be given as a level.
+/// Detail of the engine's log, from -2 (nothing) to 9 (everything). An entry is written when its level is at
+/// or below the configured one. Any signed 8-bit value may be given as a level.
 ///
 /// What to expect: 0 to 2 need an operator (a file that cannot be used, no descriptors left), 3 is notable (a
-/// reload, a setting that was ignored), 5 follows the life of hosts, 7 each failed check, 9 each check.
+/// reload, a setting that was ignored), 7 is each failed check.
 enum HM_LOG_LEVEL : std::int8_t {
    HM_LOG_LEVEL_MIN = -2,
    HM_LOG_FATAL = 0,
@@ -37,7 +36,7 @@ class HMLogBase {
 
    virtual ~HMLogBase() = default;
    virtual void rotate() = 0;
-   /// False: the log cannot be opened; the engine then does not start.
+   /// False: the log cannot be opened; the engine then does not start, and says so in one last entry.
    virtual bool openLog( std::string name ) = 0;
    virtual void closeLog() = 0;
    virtual void writeLog( LogEntry * entry ) = 0;

@@ -41,13 +41,16 @@ class HMStateManager {
    void registerStorageObserver( std::shared_ptr< HMStorageObserver > observer );
 
    /// Loads the master configuration file and the host file that it names, and starts checking. With
-   /// `startChecking` false the files are only loaded and judged. False: the files cannot be used or the log
-   /// cannot be opened, or the engine runs already; the log says where and why, and nothing was started.
+   /// `startChecking` false the files are only loaded and judged. False: the files cannot be used, the log
+   /// cannot be opened, there is no thread or descriptor for a single worker, or the engine runs already; the
+   /// log says where and why, and nothing was started.
    [[nodiscard]] bool healthCheck( std::string masterConfigPath, HM_LOG_LEVEL level, bool startChecking );
 
    /// Reads both files again and replaces all host groups. A host that is in the same group before and after
-   /// keeps its schedule, its running check and its counters. False: the files cannot be used, or the engine
-   /// was not started; the log says where and why, and the engine goes on with what it had.
+   /// keeps its schedule, its counters and its running check; only a check whose worker ("threads.max") or
+   /// address ("dual-stack-mode") changes ends unreported and is made again at once. False: the files cannot
+   /// be used, or the engine was not started; the log says where and why, and the engine goes on with what it
+   /// had. Too few threads or descriptors for new workers are logged and made do with.
    [[nodiscard]] bool reloadDaemonConfigs( std::string masterConfigPath );
 
    /// Adds addresses for, or takes them from, a host name, in all host groups that have it, now or after a

@@ -2,7 +2,11 @@
 #include "netchasm/Config.h"
 #include "EngineFixture.h"
 #include "TestServer.h"
+#include <atomic>
+#include <set>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 using netchasm::Config;
@@ -114,6 +118,10 @@ TEST_F( ConfigFiles, UnusableOnesAreRefusedWithFileLineAndReason ) {
       const char * complaint;
    } rows[] = {
          { "not YAML", "- [a: b\n", "hosts.yaml:" },
+         { "two documents", good + "---\n" + good, "more than one document" },
+         { "more values than memory",
+               "[" + fmt::format( "{}", fmt::join( std::vector< char >( 1 << 20, 'a' ), "," ) ) + "]",
+               "more than 1048576 values" },
          { "not a sequence", "name: a\n", "hosts.yaml:1: the host configuration is not a sequence" },
          { "group not a map", "- a\n", "hosts.yaml:1: a host group is not a map" },
          { "map as key", "- {a: b}: c\n", "key that is not a text" },
@@ -141,7 +149,7 @@ TEST_F( ConfigFiles, UnusableOnesAreRefusedWithFileLineAndReason ) {
          { "not UTF-8", "- name: \xff\n", "not UTF-8" },
          { "NUL", std::string( "- name: a\0b\n", 12 ), "not UTF-8" },
          { "overlong", "- name: \xE0\x80\x80\n", "not UTF-8" },
-         { "deep nesting", std::string( 200'000, '[' ), "not YAML" },
+         { "deep nesting", std::string( 200'000, '[' ), "not usable YAML" },
          { "deep nesting in a known key",
                good + "  host: " + std::string( 400, '[' ) + std::string( 400, ']' ) + "\n", "not a text" },
          { "alias bomb", "- &a [x,x,x,x,x,x,x,x]\n- &b [*a,*a,*a,*a,*a,*a,*a]\n- &c [*b,*b,*b,*b,*b,*b,*b]\n",
@@ -256,6 +264,81 @@ TEST_F( Reload, ARunningCheckRunsOn ) {
    EXPECT_EQ( slow.connections(), 1 );
 }
 
+TEST_F( Reload, ANewScheduleReachesHostsThatWaitAndHostsThatMove ) {
+   TestGroup group = TestGroup{ "db" }.type( "tcp" ).port( unusedPort() ).retries( 1 );
+   const std::vector< std::string > names{ "a", "b", "c", "d", "e", "f" };
+   for ( const std::string & name : names )
+      group.host( name );
+   const auto awaitEach = [&]( std::size_t count ) {
+      for ( const std::string & name : names )
+         results->await( name, count );
+   };
+   start( { group.interval( 3'600'000 ).retryDelay( 3'600'000 ) } );
+   for ( const std::string & name : names )
+      address( name );
+   awaitEach( 1 );
+   threads = 1;
+   ASSERT_TRUE( reload( { group.retryDelay( 10 ) } ) );
+   awaitEach( 2 );
+   threads = 2;
+   ASSERT_TRUE( reload( { group.interval( 50 ) } ) );
+   awaitEach( 6 );
+}
+
+TEST_F( Reload, ANewSourceAddressIsUsedInsteadOfBoundDescriptors ) {
+   std::atomic< int > fromNew = 0;
+   const TestServer seeing{ [&]( int fd ) {
+      netchasm::SocketAddress peer{ ip( "0.0.0.0" ), 0 };
+      ::getpeername( fd, &peer.any, &peer.length );
+      fromNew += peer.v4.sin_addr.s_addr == htonl( 0x7F000002 );
+      readRequest( fd );
+      writeAll( fd, okReply() );
+   } };
+   const TestGroup group = TestGroup{ "web" }.port( seeing.port() ).interval( 20 ).host( "h" );
+   start( { TestGroup{ group }.with( "source-address: 127.0.0.1" ) } );
+   address( "h" );
+   results->await( "h", 5 );
+   EXPECT_EQ( fromNew, 0 );
+   ASSERT_TRUE( reload( { TestGroup{ group }.with( "source-address: 127.0.0.2" ) } ) );
+   results->await( "h", results->count( "h" ) + 5 );
+   EXPECT_GE( fromNew, 4 );
+}
+
+TEST_F( Reload, AChangedOrRemovedAddressEndsRunningChecksInEveryGroup ) {
+   std::atomic< int > ended = 0;
+   const TestServer silent{ [&]( int fd ) {
+                              waitForEnd( fd );
+                              ++ended;
+                           },
+         "127.0.0.9" };
+   TestGroup group = TestGroup{ "a" }.port( silent.port() ).interval( 3'600'000 ).timeout( 600'000 );
+   group.host( "h" ).host( "i" );
+   TestGroup twin = group;
+   twin.name = "b";
+   start( { group, twin } );
+   const auto becomes = []( int wanted, const auto & value ) {
+      const auto deadline = std::chrono::steady_clock::now() + patience;
+      while ( value() < wanted && std::chrono::steady_clock::now() < deadline )
+         std::this_thread::yield();
+      return value() == wanted;
+   };
+   address( "h", "127.0.0.9" );
+   address( "i", "127.0.0.9" );
+   ASSERT_TRUE( becomes( 4, [&] { return silent.connections(); } ) );
+   EXPECT_TRUE( engine->removeAddresses( "i", { ip( "127.0.0.9" ) } ) );
+   address( "h", "127.0.0.3" ); // the lower one; nothing listens there
+   results->await( "h", 2 );
+   EXPECT_TRUE( becomes( 4, [&] { return ended.load(); } ) );
+   EXPECT_EQ( silent.connections(), 4 );
+   EXPECT_EQ( results->count( "i" ), 0u );
+   std::set< std::string > groups;
+   for ( const HMCheckData & data : results->all() ) {
+      EXPECT_EQ( data.m_reason, HM_REASON_CONNECT_REFUSED );
+      groups.insert( data.m_hostGroupName );
+   }
+   EXPECT_EQ( groups.size(), 2u );
+}
+
 TEST_F( Reload, AnUnusableFileChangesNothing ) {
    start( { TestGroup{ web }.host( "h" ) } );
    address( "h" );
@@ -281,11 +364,11 @@ TEST_F( Reload, AChangeOfThreadsMovesHostsWithTheirCounters ) {
          file( "m1", "threads.max: 1\nconfig.load-file: " + file( "h1", group.yaml() ) ), 9, true ) );
    for ( int i = 0; i < 8; ++i )
       address( "h" + std::to_string( i ) );
-   for ( const char * threads : { "2", "1", "2" } ) {
+   for ( const char * wanted : { "2", "1", "2" } ) {
       for ( int i = 0; i < 8; ++i )
          results->await( "h" + std::to_string( i ), results->count( "h" + std::to_string( i ) ) + 2 );
       ASSERT_TRUE(
-            engine->reload( file( "m1", std::string{ "threads.max: " } + threads +
+            engine->reload( file( "m1", std::string{ "threads.max: " } + wanted +
                                               "\nconfig.load-file: " + ( directory / "h1" ).string() ) ) );
    }
    for ( int i = 0; i < 8; ++i )

@@ -69,9 +69,9 @@ std::string LogLines::all() {
 
 std::string TestGroup::yaml() const {
    std::string text =
-         fmt::format( "- name: {}\n  ttl: {}\n  timeout: {}\n  check-retry-delay: 0\n  check-retries: {}\n"
+         fmt::format( "- name: {}\n  ttl: {}\n  timeout: {}\n  check-retry-delay: {}\n  check-retries: {}\n"
                       "  check-type: {}\n  dns-type: static\n  check-info: /health\n  check-port: {}\n{}",
-               name, ttl, timeoutMs, checkRetries, checkType, checkPort, more );
+               name, ttl, timeoutMs, retryDelayMs, checkRetries, checkType, checkPort, more );
    if ( !hosts.empty() )
       text += fmt::format( "  host:\n    - {}\n", fmt::join( hosts, "\n    - " ) );
    return text;
@@ -100,9 +100,9 @@ std::string EngineFixture::files( const std::vector< TestGroup > & groups, const
       text += group.yaml();
    const std::string hostFile = file( "hosts.yaml", text );
    return file( "master.yaml",
-         fmt::format( "threads.max: 2\nconfig.load-file: {}\n"
+         fmt::format( "threads.max: {}\nconfig.load-file: {}\n"
                       "db.type: notifier\nlog.type: registered\nsocket.path: /tmp/netchasm\n{}",
-               hostFile, masterLines ) );
+               threads, hostFile, masterLines ) );
 }
 
 void EngineFixture::start( const std::vector< TestGroup > & groups, const std::string & masterLines ) {

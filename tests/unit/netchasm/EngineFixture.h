@@ -59,12 +59,13 @@ struct TestGroup {
    TestGroup & interval( unsigned ms ) { return ttl = ms, *this; }
    TestGroup & timeout( unsigned ms ) { return timeoutMs = ms, *this; }
    TestGroup & retries( unsigned value ) { return checkRetries = value, *this; }
+   TestGroup & retryDelay( unsigned ms ) { return retryDelayMs = ms, *this; }
    TestGroup & with( const std::string & line ) { return more += "  " + line + "\n", *this; }
    TestGroup & host( const std::string & value ) { return hosts.push_back( value ), *this; }
    std::string yaml() const;
 
    std::string name, checkType = "http", more;
-   unsigned checkPort = 80, ttl = 50, timeoutMs = 5000, checkRetries = 0;
+   unsigned checkPort = 80, ttl = 50, timeoutMs = 5000, checkRetries = 0, retryDelayMs = 0;
    std::vector< std::string > hosts;
 };
 
@@ -88,6 +89,7 @@ class EngineFixture : public testing::Test {
    HMCheckData check( const TestGroup & group, const std::string & hostAddress = "127.0.0.1" );
 
    std::filesystem::path directory;
+   int threads = 2; ///< of the files written next
    std::shared_ptr< Results > results = std::make_shared< Results >();
    std::shared_ptr< LogLines > log = std::make_shared< LogLines >();
    std::unique_ptr< netchasm::Engine > engine = std::make_unique< netchasm::Engine >();

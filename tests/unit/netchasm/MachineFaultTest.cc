@@ -129,6 +129,13 @@ TEST_F( Machine, SourceAddressThatIsNotHereHoldsTheVerdict ) {
    EXPECT_EQ( server.connections(), 0 );
 }
 
+TEST_F( Machine, NoBufferForTlsHoldsTheVerdict ) {
+   plan->send = ENOBUFS;
+   const HMCheckData data = check( TestGroup{ "web" }.type( "https-no-peer-check" ).port( server.port() ) );
+   EXPECT_EQ( data.m_response, HM_RESPONSE_NOT_CHECKED );
+   EXPECT_EQ( data.m_reason, HM_REASON_NO_VERDICT );
+}
+
 TEST_F( Machine, SourceAddressThatGoesAwayHoldsTheVerdict ) {
    check( TestGroup{ "web" }.port( server.port() ).with( "source-address: 127.0.0.1" ) );
    const auto unanswered = []( const auto & data ) { return data.m_response != HM_RESPONSE_ANSWERED; };
@@ -215,20 +222,30 @@ class MachineDeathTest : public EngineFixture {
    /// In a process of its own: true when it went as it should.
    bool runOutOfDescriptors() {
       std::uint16_t port = 0;
-      const int listener = silentListener( port, 128 );
+      silentListener( port, 128 );
       TestGroup group = TestGroup{ "web" }.port( port ).interval( 1000 ).timeout( 600 );
       for ( int i = 0; i < 60; ++i )
          group.host( "h" + std::to_string( i ) );
+      threads = 1;
       start( { group } );
-      const rlimit few{ static_cast< rlim_t >( listener ) + 20, static_cast< rlim_t >( listener ) + 20 };
+      const rlimit few{ 48, 48 };
       ::setrlimit( RLIMIT_NOFILE, &few );
       for ( int i = 0; i < 60; ++i )
          address( "h" + std::to_string( i ) );
       results->next( []( const auto & data ) { return data.m_reason == HM_REASON_NO_VERDICT; } );
       results->next( []( const auto & data ) { return data.m_reason == HM_REASON_REPLY_TIMEOUT; } );
+      // The rest of the process still has descriptors; then it is out of all but one.
+      bool reloaded = reload( { group.interval( 900 ) } );
+      for ( const std::string & host : group.hosts )
+         reloaded &= engine->removeAddresses( host, { ip( "127.0.0.1" ) } );
+      const rlimit one{ static_cast< rlim_t >( ::dup( 0 ) ) + 1, 48 };
+      ::close( static_cast< int >( one.rlim_cur ) - 1 );
+      ::setrlimit( RLIMIT_NOFILE, &one );
+      threads = 2;
+      reloaded &= reload( { group } );
       engine.reset();
-      const std::size_t logged = log->count( "Too many open files" );
-      return logged >= 1 && logged <= 2 && !HasFailure(); // once a worker
+      const std::size_t logged = log->count( "held back: socket: Too many open files" );
+      return reloaded && logged >= 1 && logged <= 2 && !HasFailure(); // once a worker
    }
 };
 
