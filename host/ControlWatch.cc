@@ -42,9 +42,12 @@ class StateLines {
          add( child->child( *entity ), nullptr );
          return {};
       }
-      frame.after = keyedOf( attribute )->nextKey( *entity, frame.after );
-      if ( !frame.after ) {
+      const auto * keyed = keyedOf( attribute );
+      frame.after = keyed->nextKey( *entity, frame.after );
+      // A key that cannot be read back from its text would lead the walk round and round: it ends there.
+      if ( !frame.after || !keyed->has( *entity, *frame.after ) ) {
          ++frame.index;
+         frame.after.reset();
          return {};
       }
       const auto key = *frame.after;

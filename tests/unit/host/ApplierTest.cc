@@ -209,15 +209,21 @@ TEST_F( Written, YamlIsTakenBackAsItIs ) {
 }
 
 TEST_F( Written, JsonIsValidWhateverNamesHold ) {
-   const std::string names[] = { "\"", "\\", "\n\x01", "\xff\xfe", "é", "</script>", "a/b" };
+   // The last one is no text; an agent could still use it.
+   const std::string names[] = { "\"", "\\", "\n\x01", "é", "</script>", "a/b", "\xff\xfe" };
    for ( const auto & name : names ) {
       probeConfig()->nhgProbeConfigIs( name )->sslProfileIs( name );
    }
    const auto json =
          nlohmann::json::parse( written( StateWriter::Format::json, "healthMonitor/config/probeConfig" ) );
    const auto & content = json["healthMonitor/config/probeConfig"];
-   EXPECT_EQ( content["nhgProbeConfig"].size(), std::size( names ) );
+   EXPECT_EQ( content["nhgProbeConfig"].size(), std::size( names ) - 1 );
    EXPECT_EQ( content["nhgProbeConfig"]["\n\x01"]["sslProfile"], "\n\x01" );
+   probeConfig()->sslProfileIs( "\xff" );
+   EXPECT_EQ( nlohmann::json::parse(
+                    written( StateWriter::Format::json, "healthMonitor/config/probeConfig/sslProfile" ) )
+                    .front(),
+         "\xef\xbf\xbd" );
    EXPECT_EQ( content["probeInterval"], 5 );
    EXPECT_EQ( content["monitoringEnabled"], false );
    EXPECT_TRUE( content["pingDisabledVip"].is_array() );
