@@ -96,6 +96,7 @@ bool BacklogSm::processNhgServerBacklog() {
          backlogTypeBookmark_ = BacklogType::nhgServerChange;
          return false;
       }
+      HM_TRACE( 7, "processing entry: {}, add: {}", ipNhgString( server ), add );
       processNhgServerEntry( server, add, globalNoPeerCheck );
       backlogInfo_->nhgServerBacklogDel( server );
    }
@@ -104,7 +105,6 @@ bool BacklogSm::processNhgServerBacklog() {
 
 void BacklogSm::processNhgServerEntry( const IpNhgPair & server, bool add, bool globalNoPeerCheck ) {
    const auto & [nhgName, serverIp] = server;
-   HM_TRACE( 7, "processing entry: {}, add: {}", ipNhgString( server ), add );
    if ( !add ) {
       processNhgServerDelete( nhgName, ProbeType::http, serverIp, serverIp, {} );
       processNhgServerDelete( nhgName, ProbeType::tcp, serverIp, serverIp, {} );
@@ -128,17 +128,20 @@ void BacklogSm::processNhgServerEntry( const IpNhgPair & server, bool add, bool 
    const bool nhgHasVip = nhgProbeConfig && !nhgProbeConfig->vip().empty();
    const auto hostIp = nhgHasVip ? nhgProbeConfig->vip() : serverIp;
 
-   const auto apply = [&]( ProbeType probeType, const std::string & url,
-                            const NetCHASMCheckParams & params ) {
-      if ( params ) {
-         processNhgServerAdd( nhgName, probeType, serverIp, hostIp, params, noPeerCheck );
-      } else {
-         HM_TRACE( 7, "{} url ({}) invalid / not configured for nhg {}", probeType, url, nhgName );
-         processNhgServerDelete( nhgName, probeType, serverIp, hostIp, params );
-      }
-   };
-   apply( ProbeType::http, httpUrl, parseCurlUrlInfo( nhgName, httpUrl, nhgHasVip ) );
-   apply( ProbeType::tcp, tcpUrl, parseTcpUrlInfo( nhgName, tcpUrl, nhgHasVip ) );
+   const auto httpParams = parseCurlUrlInfo( nhgName, httpUrl, nhgHasVip );
+   if ( httpParams ) {
+      processNhgServerAdd( nhgName, ProbeType::http, serverIp, hostIp, httpParams, noPeerCheck );
+   } else {
+      HM_TRACE( 7, "http url ({}) invalid / not configured for nhg {}", httpUrl, nhgName );
+      processNhgServerDelete( nhgName, ProbeType::http, serverIp, hostIp, httpParams );
+   }
+   const auto tcpParams = parseTcpUrlInfo( nhgName, tcpUrl, nhgHasVip );
+   if ( tcpParams ) {
+      processNhgServerAdd( nhgName, ProbeType::tcp, serverIp, hostIp, tcpParams, noPeerCheck );
+   } else {
+      HM_TRACE( 7, "tcp url ({}) invalid / not configured for nhg {}", tcpUrl, nhgName );
+      processNhgServerDelete( nhgName, ProbeType::tcp, serverIp, hostIp, tcpParams );
+   }
 }
 
 void BacklogSm::processNhgServerAdd( const NexthopGroupName & nhgName, ProbeType probeType,

@@ -94,55 +94,55 @@ void NhgProbeConfigReactor::handleInitialized() {
    handleNhgRetryCount();
 }
 
-void NhgProbeConfigReactor::serversChanged() {
+void NhgProbeConfigReactor::serversChanged( const char * handler ) {
    if ( parent_.nhgMonitored( nhgName() ) ) {
       parent_.reevaluateNexthopGroup( nhgName() );
    } else {
-      HM_TRACE( 7, "monitoring not enabled for {}", nhgName() );
+      traceFacility().trace( 7, __FILE__, __LINE__, handler, "monitoring not enabled for {}", nhgName() );
    }
 }
 
-void NhgProbeConfigReactor::localAttrsChanged() {
+void NhgProbeConfigReactor::localAttrsChanged( const char * handler ) {
    if ( parent_.nhgMonitored( nhgName() ) ) {
       parent_.nhgLocalAttrsChanged( nhgName() );
    } else {
-      HM_TRACE( 7, "monitoring not enabled for {}", nhgName() );
+      traceFacility().trace( 7, __FILE__, __LINE__, handler, "monitoring not enabled for {}", nhgName() );
    }
 }
 
 void NhgProbeConfigReactor::handleNhgUrl() {
    HM_TRACE( 7, "NHG: {}, httpUrl: {}", nhgName(), config_->httpUrl() );
-   serversChanged();
+   serversChanged( __func__ );
 }
 
 void NhgProbeConfigReactor::handleNhgVip() {
    HM_TRACE( 7, "NHG: {}, vip: {}", nhgName(), config_->vip() );
-   serversChanged();
+   serversChanged( __func__ );
 }
 
 void NhgProbeConfigReactor::handleNhgSslProfile() {
    HM_TRACE( 7, "NHG: {}, sslProfile: {}", nhgName(), config_->sslProfile() );
-   localAttrsChanged();
+   localAttrsChanged( __func__ );
 }
 
 void NhgProbeConfigReactor::handleNhgProbeInterval() {
    HM_TRACE( 7, "NHG: {}, probeInterval: {}", nhgName(), config_->probeInterval().count() );
-   localAttrsChanged();
+   localAttrsChanged( __func__ );
 }
 
 void NhgProbeConfigReactor::handleNhgTimeout() {
    HM_TRACE( 7, "NHG: {}, timeout: {}", nhgName(), config_->timeout() );
-   localAttrsChanged();
+   localAttrsChanged( __func__ );
 }
 
 void NhgProbeConfigReactor::handleNhgRetryDelay() {
    HM_TRACE( 7, "NHG: {}, retryDelay: {}", nhgName(), config_->retryDelay() );
-   localAttrsChanged();
+   localAttrsChanged( __func__ );
 }
 
 void NhgProbeConfigReactor::handleNhgRetryCount() {
    HM_TRACE( 7, "NHG: {}, retryCount: {}", nhgName(), config_->retryCount() );
-   localAttrsChanged();
+   localAttrsChanged( __func__ );
 }
 
 void NhgProbeConfigReactor::handleNhgDisabled() {

@@ -47,8 +47,9 @@ class NhgProbeConfigReactor : public Reactor {
    void handleDel();
 
  private:
-   void serversChanged();
-   void localAttrsChanged();
+   // What several handlers end in; `handler` names the one in traces.
+   void serversChanged( const char * handler );
+   void localAttrsChanged( const char * handler );
 
    const Ptr<const HmState::NexthopGroupProbeConfig> config_;
    ConfigSm & parent_;

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace hm {
@@ -160,6 +162,7 @@ void ConfigSm::hmNhgConfigDel( const NexthopGroupName & nhgName ) {
    if ( const auto reactor = nhgConfigReactor( nhgName ) ) {
       ( *reactor )->handleDel();
       nhgConfigReactorDel( nhgName );
+      nhgSslParamsForget( nhgName );
    }
 }
 
@@ -178,6 +181,14 @@ void ConfigSm::hmNhgProbeConfigDel( const NexthopGroupName & nhgName ) {
    if ( const auto reactor = nhgProbeConfigReactor( nhgName ) ) {
       ( *reactor )->handleDel();
       nhgProbeConfigReactorDel( nhgName );
+      nhgSslParamsForget( nhgName );
+   }
+}
+
+/// Of a group that no configuration names any more nothing stays behind.
+void ConfigSm::nhgSslParamsForget( const NexthopGroupName & nhgName ) {
+   if ( !serverConfig_->nhgConfigHas( nhgName ) && !probeConfig_->nhgProbeConfigHas( nhgName ) ) {
+      commonData_->nhgSslParamsDel( nhgName );
    }
 }
 
@@ -327,12 +338,31 @@ void ConfigSm::handlePhase() {
    HM_ASSERT( false, "invalid phase {}", commonData_->configPhase() );
 }
 
+namespace {
+
+/// nice(2), which on Linux reaches only the calling thread, for every thread of the process. Threads made
+/// later inherit the value from those that make them.
+int niceOfAllThreads( int increment ) {
+   const int reached = ::nice( increment );
+   const int error = errno;
+   if ( increment != 0 && error == 0 ) {
+      std::error_code ignored; // a thread that has ended meanwhile needs no priority
+      for ( const auto & entry : std::filesystem::directory_iterator( "/proc/self/task", ignored ) ) {
+         setpriority( PRIO_PROCESS, static_cast<id_t>( std::stoul( entry.path().filename() ) ), reached );
+      }
+   }
+   errno = error;
+   return reached;
+}
+
+} // namespace
+
 Ptr<ConfigSm> configSmFactory( Ptr<const HmState::ProbeConfig> probeConfig,
       Ptr<const HmState::ServerConfig> serverConfig, Ptr<HmState::ServerStatus> serverStatus,
       Ptr<const Mgmt::Security::Ssl::Status> mgmtSslStatus, Ptr<TaskScheduler> scheduler,
       Ptr<CommonData> commonData, Ptr<EventMpmcQueue> cmdQueue, ConfigSm::NiceCall niceCall ) {
    if ( !niceCall ) {
-      niceCall = []( int increment ) { return ::nice( increment ); };
+      niceCall = niceOfAllThreads;
    }
    return new ConfigSm( std::move( probeConfig ), std::move( serverConfig ), std::move( serverStatus ),
          std::move( mgmtSslStatus ), std::move( scheduler ), std::move( commonData ), std::move( cmdQueue ),

@@ -84,10 +84,12 @@ class ConfigSm : public Reactor {
    HM_MAP( NexthopGroupName, Ptr<NhgProbeConfigReactor>, nhgProbeConfigReactor )
    HM_MAP( std::string, Ptr<SslStatusReactor>, sslStatusReactor ) // by profile name
 
+ private:
    void hmNhgConfigIs( const NexthopGroupName & nhgName );
    void hmNhgConfigDel( const NexthopGroupName & nhgName );
    void hmNhgProbeConfigIs( const NexthopGroupName & nhgName );
    void hmNhgProbeConfigDel( const NexthopGroupName & nhgName );
+   void nhgSslParamsForget( const NexthopGroupName & nhgName );
    void sslStatusIs( const std::string & profileName );
    void sslStatusDel( const std::string & profileName );
 

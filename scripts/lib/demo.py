@@ -148,7 +148,7 @@ class Demo:
         answer = hmctl("get", "--json", STATUS)
         if answer.returncode != 0:
             raise DemoFailed(f"hmctl get: {answer.stderr.strip()}")
-        groups = json.loads(answer.stdout).get("nhgProbeStatus", {})
+        groups = json.loads(answer.stdout)[STATUS]["nhgProbeStatus"]
         return {(group, server): (status["adminState"], status["operState"])
                 for group, entry in groups.items() for server, status in entry["serverProbeStatus"].items()}
 

@@ -92,11 +92,14 @@ class HostTest(unittest.TestCase):
     def status(self):
         answer = self.hmctl("get", "--json", STATUS)
         self.assertEqual(answer.returncode, 0, answer.stderr)
-        return json.loads(answer.stdout)
+        return json.loads(answer.stdout)[STATUS]
+
+    def hostStatus(self):
+        return json.loads(self.hmctl("get", "--json", "host/status").stdout)["host/status"]
 
     def published(self):
         return {(group, server): (entry["adminState"], entry["operState"])
-                for group, servers in self.status().get("nhgProbeStatus", {}).items()
+                for group, servers in self.status()["nhgProbeStatus"].items()
                 for server, entry in servers["serverProbeStatus"].items()}
 
     def expect(self, wanted):
@@ -165,15 +168,13 @@ class Health(HostTest):
         watch = subprocess.Popen([f"{BIN}/hmctl", "-s", self.socket, "watch", STATUS], text=True,
                                  stdout=subprocess.PIPE)
         try:
-            self.eventually(lambda: json.loads(self.hmctl("get", "--json", "host/status").stdout)["clients"] >= 2,
+            self.eventually(lambda: self.hostStatus()["clients"] >= 2,
                             "the watcher is there")
-            for _ in range(3):  # two failures of three attempts, again and again
-                server.answer = "close"
+            for _ in range(3):
+                server.failures = 2  # of the three attempts that a check has
                 before = server.connections
-                self.eventually(lambda: server.connections >= before + 1, "an attempt fails")
-                server.answer = OK
-                before = server.connections
-                self.eventually(lambda: server.connections >= before + 3, "then it answers")
+                self.eventually(lambda: server.connections >= before + 4, "it answers again")
+                self.assertEqual(server.failures, 0)
             server.stop()
             self.expect({("web", "127.2.1.1"): DOWN})
         finally:
@@ -222,7 +223,7 @@ class Health(HostTest):
         watch = subprocess.Popen([f"{BIN}/hmctl", "-s", self.socket, "watch", f"{STATUS}/nhgProbeStatus/web"],
                                  text=True, stdout=subprocess.PIPE)
         try:
-            self.eventually(lambda: json.loads(self.hmctl("get", "--json", "host/status").stdout)["clients"] >= 2,
+            self.eventually(lambda: self.hostStatus()["clients"] >= 2,
                             "the watcher is there")
             self.apply({**web, "more": (["127.2.1.1"], {"tcpUrl": f"tcp://127.2.1.1:{server.port}"})})
             self.expect({("web", "127.2.1.1"): UP, ("more", "127.2.1.1"): UP})
@@ -262,8 +263,7 @@ class Lifecycle(HostTest):
 
         write("healthMonitor/config/probeConfig: { probeInterval: never }")
         self.host.send_signal(signal.SIGHUP)
-        self.eventually(lambda: "probeInterval" in json.loads(
-            self.hmctl("get", "--json", "host/status").stdout)["lastConfigError"], "the refusal is told")
+        self.eventually(lambda: "probeInterval" in self.hostStatus()["lastConfigurationError"], "the refusal is told")
         self.assertEqual(self.published(), {("web", "127.2.1.1"): UP})
         write(json.dumps(self.document({**web, "db": (["127.2.1.1"], {"tcpUrl": f"tcp://127.2.1.1:{server.port}"})})))
         self.host.send_signal(signal.SIGHUP)

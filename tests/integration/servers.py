@@ -23,6 +23,7 @@ class Server:
         self.family = socket.AF_INET6 if ":" in address else socket.AF_INET
         self.address, self.port, self.answer = address, port, answer
         self.connections = 0
+        self.failures = 0  # requests still to be ended without an answer
         self.listener = None
         self.start()
 
@@ -62,7 +63,9 @@ class Server:
                         return
                     request += part
                 self.request = request
-                if self.answer == "silent":
+                if self.failures:
+                    self.failures -= 1
+                elif self.answer == "silent":
                     connection.recv(1)
                 elif self.answer == "reset":
                     connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
