@@ -283,8 +283,15 @@ TEST_F( SslProfiles, GroupsUseTheFilesOfTheirOwn ) {
    EXPECT_EQ( group( "web-http" )->caFilePath(), "/ca.pem" );
    EXPECT_EQ( group( "web-http" )->certFilePath(), "/cert.pem" );
    EXPECT_EQ( commonData->caFilePath(), "" );
+   // While its files are being replaced those evaluated before stay.
+   const auto own = sslStatus->profileStatus( "own" );
+   own->caFilePathIs( "/next.pem" );
+   own->stateIs( State::updating );
+   probe( "web" )->timeoutIs( 3 );
+   runUntilIdle();
+   EXPECT_EQ( group( "web-http" )->caFilePath(), "/ca.pem" );
    // A group's profile is looked at again with the group's next change.
-   sslStatus->profileStatus( "own" )->stateIs( State::invalid );
+   own->stateIs( State::invalid );
    EXPECT_TRUE( configSm->backlogSm()->allBacklogsEmpty() );
    probe( "web" )->timeoutIs( 2 );
    runUntilIdle();

@@ -170,6 +170,23 @@ class HostModel : public ConfigFixture {
       return std::uniform_int_distribution<std::size_t>( 0, below - 1 )( rng );
    }
 
+   // One at a time: each has to be noticed by itself.
+   void changeTimers( const NexthopGroupName & name ) {
+      switch ( random( 4 ) ) {
+      case 0:
+         probe( name )->probeIntervalIs( oneOf( { Seconds{ 5 }, Seconds{ 5.5 }, Seconds{ 7 } } ) );
+         break;
+      case 1:
+         probe( name )->timeoutIs( oneOf( { 1u, 10u } ) );
+         break;
+      case 2:
+         probe( name )->retryDelayIs( oneOf( { 0u, 4u } ) );
+         break;
+      default:
+         probe( name )->retryCountIs( oneOf<std::uint16_t>( { 0, 3 } ) );
+      }
+   }
+
    void changeConfiguration() {
       const NexthopGroupName name = oneOf( { "a", "b", "c" } );
       switch ( random( 18 ) ) {
@@ -194,10 +211,7 @@ class HostModel : public ConfigFixture {
          probe( name )->sslProfileIs( oneOf( { "", "corp", "missing" } ) );
          break;
       case 7:
-         probe( name )->probeIntervalIs( oneOf( { Seconds{ 5 }, Seconds{ 5.5 }, Seconds{ 7 } } ) );
-         probe( name )->timeoutIs( oneOf( { 1u, 10u } ) );
-         probe( name )->retryDelayIs( oneOf( { 0u, 4u } ) );
-         probe( name )->retryCountIs( oneOf<std::uint16_t>( { 0, 3 } ) );
+         changeTimers( name );
          break;
       case 8:
          probeConfig->nhgProbeConfigDel( name );
