@@ -179,7 +179,11 @@ void ControlClient::readable() {
    if ( size == 0 ) {
       inputEnded_ = true;
    } else {
-      in_.append( buffer.data(), static_cast<std::size_t>( size ) );
+      // A watch has no next request. What comes is dropped, so that reading, which notices the close, goes
+      // on.
+      if ( !( answer_ && answer_->endless() ) ) {
+         in_.append( buffer.data(), static_cast<std::size_t>( size ) );
+      }
    }
    eventsUpdate();
    server_->turnIs( this );

@@ -21,6 +21,18 @@ std::string failed( const std::string & what ) {
    return fmt::format( "{}: {}", what, std::strerror( errno ) );
 }
 
+// Whether somebody listens at the address. Only a socket that refuses is a dead host's.
+bool answers( const sockaddr_un & address ) {
+   const int fd = socket( AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0 );
+   if ( fd < 0 ) {
+      return true;
+   }
+   const bool refused = connect( fd, reinterpret_cast<const sockaddr *>( &address ), sizeof address ) != 0 &&
+                        errno == ECONNREFUSED;
+   close( fd );
+   return !refused;
+}
+
 } // namespace
 
 ControlSocket::~ControlSocket() {
@@ -66,6 +78,9 @@ std::optional<std::string> ControlSocket::open( const std::string & path ) {
    if ( lstat( path.c_str(), &found ) == 0 ) {
       if ( !S_ISSOCK( found.st_mode ) ) {
          return path + " is in the way: it is no socket";
+      }
+      if ( answers( address ) ) {
+         return "another program listens on " + path;
       }
       unlink( path.c_str() );
    }

@@ -129,6 +129,7 @@ class WatchAnswer final : public Answer {
    void changed( const std::string & line ) {
       if ( lost_ != 0 || pending_.size() - sent_ + line.size() > maxPendingBytes ) {
          ++lost_;
+         client_.wake(); // what is lost is told even when nothing else waits
          return;
       }
       if ( sent_ > maxPendingBytes ) {

@@ -18,6 +18,10 @@ constexpr const char * serverConfigPath = "healthMonitor/config/serverConfig";
 constexpr const char * probeConfigPath = "healthMonitor/config/probeConfig";
 // Each server address that is probed has a firewall mark of its own, and there are no more of them.
 constexpr std::size_t maxServers = 16'383;
+// A server counts in every group that it is a member of, once for each kind of check, and is written into the
+// check engine's file under a name that holds the group's. The engine reads files of up to 16 MiB.
+constexpr std::size_t maxHostBytes = 12 * 1024 * 1024;
+constexpr std::size_t hostBytesBesidesName = 64;
 
 const AttributeContent * attributeOf( const EntityContent & content, std::string_view name ) {
    const auto found = std::ranges::find_if(
@@ -70,6 +74,11 @@ class CrossChecker {
          errors_.push_back( { 0, fmt::format( "{}: names {} different servers, {} can be probed",
                                        serverConfigPath, servers_.size(), maxServers ) } );
       }
+      if ( hostBytes_ > maxHostBytes ) {
+         errors_.push_back(
+               { 0, fmt::format( "{}: its groups have too many members together, or too long names",
+                          serverConfigPath ) } );
+      }
       return std::move( errors_ );
    }
 
@@ -97,6 +106,7 @@ class CrossChecker {
       for ( const auto & key : content.keys ) {
          const auto server = IpGenAddr::fromText( key ).value_or( IpGenAddr{} );
          servers_.insert( server );
+         hostBytes_ += 2 * ( name.size() + hostBytesBesidesName );
          const auto [first, fresh] = families_.emplace( name, server );
          if ( !fresh && first->second.family() != server.family() ) {
             errors_.push_back( { content.line,
@@ -112,6 +122,7 @@ class CrossChecker {
    std::map<std::string, IpGenAddr> families_;                     // a server of each group
    std::map<std::string, std::pair<IpGenAddr, std::size_t>> vips_; // of each group, with its line
    std::unordered_set<IpGenAddr> servers_;
+   std::size_t hostBytes_ = 0; // of the engine's names, over all groups and both kinds of check
    std::vector<YamlError> errors_;
 };
 

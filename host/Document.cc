@@ -16,6 +16,10 @@ namespace {
 
 // A walk visits the nodes behind an alias once for each alias.
 constexpr std::size_t maxVisits = 2'000'000;
+// The same for the bytes of their text, so that a long text behind many aliases cannot unfold into gigabytes.
+constexpr std::size_t maxTextBytes = 32 * 1024 * 1024;
+// Longer than any path that can be resolved is.
+constexpr std::size_t longestName = 4096;
 
 std::string quoted( std::string_view text ) {
    constexpr std::size_t longest = 64;
@@ -43,10 +47,12 @@ bool isEmpty( const YamlNode & node ) {
 
 class Checker {
  public:
-   Checker( const Schema & schema, std::string source, CheckedChange & change )
+   Checker( const Schema & schema, std::string source, CheckedChange & change,
+         const YamlDocument::Cancelled & cancelled )
          : schema_( schema ),
            source_( std::move( source ) ),
-           change_( change ) {}
+           change_( change ),
+           cancelled_( cancelled ) {}
 
    void error( std::size_t line, const std::string & path, const std::string & attribute,
          const std::string & message ) {
@@ -217,10 +223,20 @@ class Checker {
    }
 
    bool tooMany( const YamlNode & node ) {
-      if ( ++visits_ == maxVisits ) {
-         error( node.line, {}, {}, fmt::format( "holds more than {} values, aliases followed", maxVisits ) );
+      if ( stopped_ ) {
+         return true;
       }
-      return visits_ >= maxVisits;
+      textBytes_ += node.text.size();
+      if ( ++visits_ >= maxVisits || textBytes_ > maxTextBytes ) {
+         stopped_ = true;
+         error( node.line, {}, {},
+               fmt::format( "holds more than {} values or {} bytes of text, aliases followed", maxVisits,
+                     maxTextBytes ) );
+      } else if ( cancelled_ && visits_ % 1024 == 0 && cancelled_() ) {
+         stopped_ = true;
+         error( node.line, {}, {}, "the check was cancelled" );
+      }
+      return stopped_;
    }
 
    // Calls `each( key text, key node, value node )` for the entries of a map whose keys are all different.
@@ -238,8 +254,13 @@ class Checker {
                         key.kind == YamlNode::Kind::null ? " (quote a name that reads as null)" : "" ) );
             continue;
          }
+         if ( key.text.size() > longestName ) {
+            error( key.line, path, {},
+                  fmt::format( "{}: a name of more than {} bytes", quoted( key.text ), longestName ) );
+            continue;
+         }
          if ( const auto [first, fresh] = seen.emplace( key.text, key.line ); !fresh ) {
-            error( key.line, path, printable( key.text ),
+            error( key.line, path, printable( key.text.substr( 0, 255 ) ),
                   fmt::format( "stands here twice, first on line {}", first->second ) );
             continue;
          }
@@ -276,7 +297,6 @@ class Checker {
          return;
       }
       if ( const auto * scalar = info.scalar() ) {
-         content.text = node.text;
          if ( node.kind == YamlNode::Kind::null ) {
             content.text = scalar->defaultText();
          } else if ( node.kind != YamlNode::Kind::scalar ) {
@@ -284,6 +304,8 @@ class Checker {
                   fmt::format( "expected {}, found {}", scalar->typeName(), formOf( node ) ) );
          } else if ( const auto refusal = scalar->check( node.text ) ) {
             error( node.line, path, info.name(), fmt::format( "{}: {}", quoted( node.text ), *refusal ) );
+         } else {
+            content.text = node.text;
          }
       } else if ( const auto * set = info.set() ) {
          members( *set, node, path, content );
@@ -358,7 +380,10 @@ class Checker {
    const std::string source_;
    CheckedChange & change_;
    std::size_t errorCount_ = 0;
+   const YamlDocument::Cancelled & cancelled_;
    std::size_t visits_ = 0;
+   std::size_t textBytes_ = 0;
+   bool stopped_ = false;                     // too much, or cancelled
    std::map<std::string, std::size_t> paths_; // of the sections so far, with their lines
 };
 
@@ -367,7 +392,7 @@ class Checker {
 Ptr<CheckedChange> checkChange(
       const Schema & schema, const ChangeRequest & request, const YamlDocument::Cancelled & cancelled ) {
    const Ptr<CheckedChange> change = new CheckedChange();
-   Checker checker( schema, request.source, *change );
+   Checker checker( schema, request.source, *change, cancelled );
    switch ( request.kind ) {
    case ChangeRequest::Kind::document:
       checker.document( YamlDocument( request.text, {}, cancelled ) );

@@ -30,7 +30,8 @@ TraceFacility & traceFacility() {
 
 // For whoever reads the journal: what went wrong with a change that nobody waits for.
 void report( const std::string & line ) {
-   fmt::print( stderr, "hm-host: {}\n", line );
+   // Not through fmt::print, which throws when the journal's pipe is broken or its disk full.
+   std::fputs( fmt::format( "hm-host: {}\n", line ).c_str(), stderr );
    HM_TRACE( 1, " {}", line );
 }
 

@@ -12,6 +12,12 @@ using namespace platform;
 
 namespace {
 
+// For messages: on one line, and never long.
+std::string shown( std::string_view text ) {
+   constexpr std::size_t longest = 255;
+   return printable( text.substr( 0, longest ) ) + ( text.size() > longest ? "..." : "" );
+}
+
 bool isAtOrBelow( const std::string & path, const std::string & root ) {
    return path.starts_with( root ) && ( path.size() == root.size() || path[root.size()] == '/' );
 }
@@ -53,7 +59,7 @@ Refusal Schema::resolve( const std::string & path, SchemaPlace & place ) const {
    const auto root =
          std::ranges::find_if( roots_, [&]( const Root & each ) { return isAtOrBelow( path, each.path ); } );
    if ( root == roots_.end() ) {
-      return fmt::format( "no such path: {}", printable( path ) );
+      return fmt::format( "no such path: {}", shown( path ) );
    }
    SchemaPlace at{ root->path };
    at.type = root->type;
@@ -66,7 +72,7 @@ Refusal Schema::resolve( const std::string & path, SchemaPlace & place ) const {
       if ( !at.attribute ) {
          const auto * attribute = at.type->attribute( component );
          if ( !attribute ) {
-            return fmt::format( "{} has no attribute \"{}\"", at.entityPath(), printable( component ) );
+            return fmt::format( "{} has no attribute \"{}\"", at.entityPath(), shown( component ) );
          }
          if ( const auto * child = attribute->child() ) {
             at.steps.push_back( { attribute } );
@@ -82,7 +88,7 @@ Refusal Schema::resolve( const std::string & path, SchemaPlace & place ) const {
       }
       const auto key = pathUnescape( component );
       if ( const Refusal refusal = key ? keyed->keyCheck( *key ) : Refusal( "is not escaped well" ) ) {
-         return fmt::format( "{}: key \"{}\": {}", at.path(), printable( component ), *refusal );
+         return fmt::format( "{}: key \"{}\": {}", at.path(), shown( component ), *refusal );
       }
       if ( const auto * collection = at.attribute->collection() ) {
          at.steps.push_back( { at.attribute, keyed->keyNormal( *key ) } );

@@ -79,7 +79,7 @@ int main( int argc, char ** argv ) {
    host::Host host( options );
    if ( const auto errors = host.start(); !errors.empty() ) {
       for ( const auto & error : errors ) {
-         fmt::print( stderr, "hm-host: {}\n", error );
+         std::fputs( fmt::format( "hm-host: {}\n", error ).c_str(), stderr );
       }
       return startFailed;
    }
