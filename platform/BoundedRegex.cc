@@ -49,6 +49,21 @@ const char * whyRefused( std::regex_constants::error_type code ) {
    return "it is not a regular expression (ECMAScript grammar)";
 }
 
+/// Whether a count or the number of a group has more digits than an integer surely holds: the compiler of the
+/// library adds them up without looking.
+bool hasHugeNumber( std::string_view pattern ) {
+   constexpr std::size_t mostDigits = 9;
+   constexpr std::string_view digits = "0123456789";
+   for ( auto at = pattern.find_first_of( "{,\\" ); at != pattern.npos;
+         at = pattern.find_first_of( "{,\\", at + 1 ) ) {
+      const auto number = pattern.substr( at + 1 );
+      if ( std::min( number.find_first_not_of( digits ), number.size() ) > mostDigits ) {
+         return true;
+      }
+   }
+   return false;
+}
+
 /// What is left of one match, and where the text ends: moved up when nothing is left.
 struct Work {
    long stepsLeft;
@@ -137,6 +152,10 @@ std::optional<BoundedRegex> BoundedRegex::compile( std::string_view pattern, std
    // be wrong about it would let a match run for minutes.
    if ( pattern.find( "(?=" ) != pattern.npos || pattern.find( "(?!" ) != pattern.npos ) {
       *why = "look-ahead, (?= or (?!, is not accepted";
+      return std::nullopt;
+   }
+   if ( hasHugeNumber( pattern ) ) {
+      *why = whyRefused( std::regex_constants::error_space );
       return std::nullopt;
    }
    try {
