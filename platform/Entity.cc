@@ -23,6 +23,22 @@ struct Entity::Watchers {
    }
 };
 
+EntityType::EntityType( const char * name, std::vector<Declared> declared )
+      : name_( name ),
+        declared_( std::move( declared ) ) {
+   for ( const auto & [line, attribute] : declared_ ) {
+      if ( attribute->scalar() || attribute->set() || attribute->collection() || attribute->child() ) {
+         attributes_.push_back( attribute );
+      }
+   }
+}
+
+const AttributeInfo & EntityType::declaredAt( int line ) const {
+   const auto found = std::ranges::find( declared_, line, &Declared::line );
+   HM_ASSERT( found != declared_.end(), "nothing is declared there" );
+   return *found->attribute;
+}
+
 const AttributeInfo * EntityType::attribute( std::string_view name ) const {
    for ( const auto * attribute : attributes_ ) {
       if ( attribute->name() == name ) {

@@ -30,21 +30,30 @@ class SetInfo;
 class CollectionInfo;
 class ChildInfo;
 
-/// The description of a class of entities: its attributes in the order of their declaration.
+/// The description of a class of entities: its attributes in the order of their declaration, but for those
+/// whose type has no text form.
 class EntityType {
  public:
-   explicit EntityType( const char * name ) : name_( name ) {}
+   /// An attribute and the line on which its class declares it.
+   struct Declared {
+      int line;
+      const AttributeInfo * attribute;
+   };
+   EntityType( const char * name, std::vector<Declared> declared );
+
    const std::string & name() const { return name_; }
    const std::vector<const AttributeInfo *> & attributes() const { return attributes_; }
    const AttributeInfo * attribute( std::string_view name ) const; // null when there is none
+   const AttributeInfo & declaredAt( int line ) const;             // also one that has no text form
 
  private:
-   friend class AttributeRegistration;
    const std::string name_;
+   const std::vector<Declared> declared_;
    std::vector<const AttributeInfo *> attributes_;
 };
 
-/// One attribute of a class of entities. Exactly one of the four views is not null.
+/// One attribute of a class of entities. At most one of the four views is not null; none when the type of the
+/// value, key or entry has no text form.
 class AttributeInfo {
  public:
    AttributeInfo( const AttributeInfo & ) = delete;
@@ -64,6 +73,13 @@ class AttributeInfo {
 
  private:
    const std::string name_;
+};
+
+/// An attribute of the entities of class E; Key is the type that its notifications carry, void for none.
+template<class E, class Key>
+struct AttributeOf {
+   const AttributeInfo & info;
+   operator const AttributeInfo &() const { return info; }
 };
 
 /// A single value. Entities passed in must be of the attribute's class.

@@ -6,23 +6,24 @@
 
 /// The macros that declare attributes, and the descriptions they make. Included by Entity.h.
 ///
-///     HM_ENTITY( Class )                        first line of the class
-///     HM_ATTRIBUTE( Type, name, default… )      name(), nameIs( v )
+///     HM_ENTITY( Class )                   first line of the class
+///     HM_ENTITY_TYPE( Class )              once, in a source of the class's library
+///     HM_ATTRIBUTE( Type, name, default… ) name(), nameIs( v )
 ///     HM_ATTRIBUTE_CHECKED( Type, name, check, default… )
-///                                               the same; `Refusal check( const Type & )` bounds what comes
-///                                               in as text
-///     HM_SET( Key, name )                       nameIs( k ), nameDel( k ), nameDelAll(), nameHas( k ),
-///     nameCount(),
-///                                               nameItems() to walk
-///     HM_COLLECTION( Key, Entry, name )         the same with nameIs( k ) giving the entry (found or made)
-///     and
-///                                               name( k ) giving it or nothing; Entry is built from its key
-///     HM_CHILD( Class, name )                   name() gives it
-///     HM_MAP( Key, Value, name )                nameIs( k, v ), name( k ) as optional; of the process only:
-///     neither
-///                                               described nor notified, as are the next two
-///     HM_HASHED_MAP( Key, Value, name )         the same, for hot lookups
-///     HM_HASHED_COLLECTION( Key, Entry, name )  shared records by key, for hot lookups
+///                                          the same; `Refusal check( const Type & )` bounds what comes in as
+///                                          text
+///     HM_SET( Key, name )                  nameIs( k ), nameDel( k ), nameDelAll(), nameHas( k ),
+///                                          nameCount(), nameItems() to walk
+///     HM_COLLECTION( Key, Entry, name )    the same with nameIs( k ) giving the entry (found or made) and
+///                                          name( k ) giving it or nothing; Entry is built from its key
+///     HM_CHILD( Class, name )              name() gives it
+///
+/// And of the process only, neither described nor notified:
+///
+///     HM_MAP( Key, Value, name )           nameIs( k, v ), name( k ) as optional
+///     HM_HASHED_MAP( Key, Value, name )    the same, for hot lookups
+///     HM_HASHED_COLLECTION( Key, Entry, name )
+///                                          shared records by key, for hot lookups
 ///
 /// nameAttr() is the description of an attribute: what a reactor names to watch it. A setter given the
 /// current value changes nothing and tells nobody; deleting what is not there does nothing. Attributes whose
@@ -30,26 +31,49 @@
 
 namespace platform {
 
-/// Puts an attribute into the description of its class when the library is loaded.
-class AttributeRegistration {
- public:
-   template<class Info>
-   AttributeRegistration( EntityType & type, const Info & ( *info )() ) {
-      if constexpr ( Info::described ) {
-         type.attributes_.push_back( &info() );
-      }
-   }
-};
+/// Tells the declarations of one class apart, by the line on which they stand.
+template<int line>
+struct AtLine {};
 
-/// All of a scalar's description but which entity it belongs to: one instantiation a type of value, in
-/// EntityMacros.cc for the common ones, however many attributes and sources there are.
+/// Lines from HM_ENTITY on among which the attributes of a class are looked for.
+inline constexpr int longestEntity = 200;
+
+template<class E, int line>
+void addDeclaredAt( std::vector<EntityType::Declared> & found ) {
+   if constexpr ( requires { E::declaredAt( AtLine<line>{} ); } ) {
+      found.push_back( { line, E::declaredAt( AtLine<line>{} ) } );
+   }
+}
+
+template<class E, int... offset>
+std::vector<EntityType::Declared> declaredAmong( std::integer_sequence<int, offset...> ) {
+   std::vector<EntityType::Declared> found;
+   ( addDeclaredAt<E, E::entityLine + offset>( found ), ... );
+   return found;
+}
+
+/// The attributes of class E. Called in the one source that defines the class's type, so that all the code
+/// behind the descriptions is compiled there and nowhere else.
+template<class E>
+std::vector<EntityType::Declared> declaredAttributes() {
+   return declaredAmong<E>( std::make_integer_sequence<int, longestEntity>{} );
+}
+
+/// The described kinds of attributes follow, one template each.
 template<class T>
-class ScalarOf : public AttributeInfo, public ScalarInfo {
+class ScalarAttribute final : public AttributeInfo, public ScalarInfo {
  public:
    static constexpr bool described = HasValueTraits<T>;
    using Getter = const T & (*)( const Entity & );
    using Setter = void ( * )( Entity &, const T & );
    using Check = Refusal ( * )( const T & );
+
+   ScalarAttribute( const char * name, Getter getter, Setter setter, T ( *initial )(), Check check )
+         : AttributeInfo( name ),
+           getter_( getter ),
+           setter_( setter ),
+           initial_( initial ),
+           check_( check ) {}
 
    const ScalarInfo * scalar() const override { return described ? this : nullptr; }
    ValueKind kind() const override {
@@ -79,14 +103,6 @@ class ScalarOf : public AttributeInfo, public ScalarInfo {
       return refusal;
    }
 
- protected:
-   ScalarOf( const char * name, Getter getter, Setter setter, T ( *initial )(), Check check )
-         : AttributeInfo( name ),
-           getter_( getter ),
-           setter_( setter ),
-           initial_( initial ),
-           check_( check ) {}
-
  private:
    static std::string toText( const T & value ) {
       if constexpr ( described ) {
@@ -109,27 +125,6 @@ class ScalarOf : public AttributeInfo, public ScalarInfo {
    const Setter setter_;
    T ( *const initial_ )();
    const Check check_;
-};
-
-extern template class ScalarOf<bool>;
-extern template class ScalarOf<std::int8_t>;
-extern template class ScalarOf<std::uint8_t>;
-extern template class ScalarOf<std::uint16_t>;
-extern template class ScalarOf<std::uint32_t>;
-extern template class ScalarOf<std::uint64_t>;
-extern template class ScalarOf<std::string>;
-extern template class ScalarOf<Seconds>;
-extern template class ScalarOf<IntfId>;
-extern template class ScalarOf<IpGenAddr>;
-extern template class ScalarOf<EthAddr>;
-
-/// A scalar of the entities of class E.
-template<class E, class T>
-class ScalarAttribute final : public ScalarOf<T> {
- public:
-   ScalarAttribute( const char * name, typename ScalarOf<T>::Getter getter,
-         typename ScalarOf<T>::Setter setter, T ( *initial )(), typename ScalarOf<T>::Check check )
-         : ScalarOf<T>( name, getter, setter, initial, check ) {}
 };
 
 /// Bytes of a key as text: names of groups, profiles and interfaces go into names of the engine, paths and
@@ -212,7 +207,7 @@ class SetAttribute final : public KeyedAttribute<E, Key, SetInfo> {
            adder_( adder ),
            remover_( remover ) {}
 
-   const SetInfo * set() const override { return this; }
+   const SetInfo * set() const override { return described ? this : nullptr; }
    std::size_t count( const Entity & entity ) const override { return items( entity ).size(); }
    bool has( const Entity & entity, std::string_view key ) const override {
       return items( entity ).find( this->toKey( key ) ) != nullptr;
@@ -260,7 +255,7 @@ class CollectionAttribute final : public KeyedAttribute<E, Key, CollectionInfo> 
            inserter_( inserter ),
            remover_( remover ) {}
 
-   const CollectionInfo * collection() const override { return this; }
+   const CollectionInfo * collection() const override { return described ? this : nullptr; }
    std::size_t count( const Entity & entity ) const override { return items( entity ).size(); }
    bool has( const Entity & entity, std::string_view key ) const override {
       return items( entity ).find( this->toKey( key ) ) != nullptr;
@@ -310,7 +305,6 @@ class CollectionAttribute final : public KeyedAttribute<E, Key, CollectionInfo> 
 template<class E, class Child>
 class ChildAttribute final : public AttributeInfo, public ChildInfo {
  public:
-   static constexpr bool described = true;
    using Getter = Ptr<Child> ( E::* )();
 
    ChildAttribute( const char * name, Getter getter ) : AttributeInfo( name ), getter_( getter ) {}
@@ -327,179 +321,192 @@ class ChildAttribute final : public AttributeInfo, public ChildInfo {
 
 } // namespace platform
 
-#define HM_ENTITY( Class )                                \
- public:                                                  \
-   using Self = Class;                                    \
-   static const ::platform::EntityType & entityType() {   \
-      return declaredType();                              \
-   }                                                      \
-   const ::platform::EntityType & type() const override { \
-      return declaredType();                              \
-   }                                                      \
-                                                          \
- private:                                                 \
-   static ::platform::EntityType & declaredType() {       \
-      static ::platform::EntityType type( #Class );       \
-      return type;                                        \
+#define HM_ENTITY( Class )                               \
+ public:                                                 \
+   using Self = Class;                                   \
+   static constexpr int entityLine = __LINE__;           \
+   static const ::platform::EntityType & entityType();   \
+   const ::platform::EntityType & type() const override; \
+                                                         \
+ private:
+
+#define HM_ENTITY_TYPE( Class )                                                                    \
+   const ::platform::EntityType & Class::entityType() {                                            \
+      static const ::platform::EntityType type( #Class, ::platform::declaredAttributes<Class>() ); \
+      return type;                                                                                 \
+   }                                                                                               \
+   const ::platform::EntityType & Class::type() const {                                            \
+      return entityType();                                                                         \
    }
+
+// The attribute's own name for its description. Belongs behind declaredAt() in the same declaration.
+#define HM_NAMED_( attr, Key )                                                             \
+ public:                                                                                   \
+   static ::platform::AttributeOf<Self, Key> attr##Attr() {                                \
+      static const ::platform::AttributeInfo & info = entityType().declaredAt( __LINE__ ); \
+      return { info };                                                                     \
+   }                                                                                       \
+   static_assert( __LINE__ < entityLine + ::platform::longestEntity );                     \
+                                                                                           \
+ private:
 
 #define HM_ATTRIBUTE( Type, attr, ... ) HM_ATTRIBUTE_CHECKED( Type, attr, nullptr, __VA_ARGS__ )
 
-#define HM_ATTRIBUTE_CHECKED( Type, attr, check, ... )                   \
- public:                                                                 \
-   const Type & attr() const {                                           \
-      return attr##_;                                                    \
-   }                                                                     \
-   void attr##Is( const Type & value ) {                                 \
-      if ( attr##_ == value ) {                                          \
-         return;                                                         \
-      }                                                                  \
-      attr##_ = value;                                                   \
-      changed( attr##Attr() );                                           \
-   }                                                                     \
-   static Type attr##Default() {                                         \
-      return Type{ __VA_ARGS__ };                                        \
-   }                                                                     \
-   static const ::platform::ScalarAttribute<Self, Type> & attr##Attr() { \
-      static const ::platform::ScalarAttribute<Self, Type> info(         \
-            #attr,                                                       \
-            []( const ::platform::Entity & entity ) -> const Type & {    \
-               return static_cast<const Self &>( entity ).attr##_;       \
-            },                                                           \
-            []( ::platform::Entity & entity, const Type & value ) {      \
-               static_cast<Self &>( entity ).attr##Is( value );          \
-            },                                                           \
-            attr##Default, check );                                      \
-      return info;                                                       \
-   }                                                                     \
-                                                                         \
- private:                                                                \
-   Type attr##_{ __VA_ARGS__ };                                          \
-   static inline const ::platform::AttributeRegistration attr##Registration_{ declaredType(), attr##Attr };
+#define HM_ATTRIBUTE_CHECKED( Type, attr, check, ... )                                   \
+ public:                                                                                 \
+   const Type & attr() const {                                                           \
+      return attr##_;                                                                    \
+   }                                                                                     \
+   void attr##Is( const Type & value ) {                                                 \
+      if ( attr##_ == value ) {                                                          \
+         return;                                                                         \
+      }                                                                                  \
+      attr##_ = value;                                                                   \
+      changed( attr##Attr() );                                                           \
+   }                                                                                     \
+   static Type attr##Default() {                                                         \
+      return Type{ __VA_ARGS__ };                                                        \
+   }                                                                                     \
+   static const ::platform::AttributeInfo * declaredAt( ::platform::AtLine<__LINE__> ) { \
+      static const ::platform::ScalarAttribute<Type> info(                               \
+            #attr,                                                                       \
+            []( const ::platform::Entity & entity ) -> const Type & {                    \
+               return static_cast<const Self &>( entity ).attr##_;                       \
+            },                                                                           \
+            []( ::platform::Entity & entity, const Type & value ) {                      \
+               static_cast<Self &>( entity ).attr##Is( value );                          \
+            },                                                                           \
+            attr##Default, check );                                                      \
+      return &info;                                                                      \
+   }                                                                                     \
+                                                                                         \
+ private:                                                                                \
+   Type attr##_{ __VA_ARGS__ };                                                          \
+   HM_NAMED_( attr, void )
 
-#define HM_SET( Key, attr )                                                       \
- public:                                                                          \
-   const ::platform::OrderedMap<Key, ::platform::Nothing> & attr##Items() const { \
-      return attr##_;                                                             \
-   }                                                                              \
-   bool attr##Has( const Key & key ) const {                                      \
-      return attr##_.find( key ) != nullptr;                                      \
-   }                                                                              \
-   std::size_t attr##Count() const {                                              \
-      return attr##_.size();                                                      \
-   }                                                                              \
-   void attr##Is( const Key & key ) {                                             \
-      if ( !attr##Has( key ) ) {                                                  \
-         const Key added = key;                                                   \
-         attr##_.insert( added, {} );                                             \
-         changed( attr##Attr(), &added );                                         \
-      }                                                                           \
-   }                                                                              \
-   void attr##Del( const Key & key ) {                                            \
-      const Key removed = key;                                                    \
-      if ( attr##_.erase( removed ) ) {                                           \
-         changed( attr##Attr(), &removed );                                       \
-      }                                                                           \
-   }                                                                              \
-   void attr##DelAll() {                                                          \
-      for ( const auto & item : attr##_ ) {                                       \
-         attr##Del( item.key );                                                   \
-      }                                                                           \
-   }                                                                              \
-   static const ::platform::SetAttribute<Self, Key> & attr##Attr() {              \
-      static const ::platform::SetAttribute<Self, Key> info(                      \
-            #attr, &Self::attr##Items, &Self::attr##Is, &Self::attr##Del );       \
-      return info;                                                                \
-   }                                                                              \
-                                                                                  \
- private:                                                                         \
-   ::platform::OrderedMap<Key, ::platform::Nothing> attr##_;                      \
-   static inline const ::platform::AttributeRegistration attr##Registration_{ declaredType(), attr##Attr };
+#define HM_SET( Key, attr )                                                              \
+ public:                                                                                 \
+   const ::platform::OrderedMap<Key, ::platform::Nothing> & attr##Items() const {        \
+      return attr##_;                                                                    \
+   }                                                                                     \
+   bool attr##Has( const Key & key ) const {                                             \
+      return attr##_.find( key ) != nullptr;                                             \
+   }                                                                                     \
+   std::size_t attr##Count() const {                                                     \
+      return attr##_.size();                                                             \
+   }                                                                                     \
+   void attr##Is( const Key & key ) {                                                    \
+      if ( !attr##Has( key ) ) {                                                         \
+         const Key added = key;                                                          \
+         attr##_.insert( added, {} );                                                    \
+         changed( attr##Attr(), &added );                                                \
+      }                                                                                  \
+   }                                                                                     \
+   void attr##Del( const Key & key ) {                                                   \
+      const Key removed = key;                                                           \
+      if ( attr##_.erase( removed ) ) {                                                  \
+         changed( attr##Attr(), &removed );                                              \
+      }                                                                                  \
+   }                                                                                     \
+   void attr##DelAll() {                                                                 \
+      for ( const auto & item : attr##_ ) {                                              \
+         attr##Del( item.key );                                                          \
+      }                                                                                  \
+   }                                                                                     \
+   static const ::platform::AttributeInfo * declaredAt( ::platform::AtLine<__LINE__> ) { \
+      static const ::platform::SetAttribute<Self, Key> info(                             \
+            #attr, &Self::attr##Items, &Self::attr##Is, &Self::attr##Del );              \
+      return &info;                                                                      \
+   }                                                                                     \
+                                                                                         \
+ private:                                                                                \
+   ::platform::OrderedMap<Key, ::platform::Nothing> attr##_;                             \
+   HM_NAMED_( attr, Key )
 
-#define HM_COLLECTION( Key, Entry, attr )                                            \
- public:                                                                             \
-   const ::platform::OrderedMap<Key, ::platform::Ptr<Entry>> & attr##Items() const { \
-      return attr##_;                                                                \
-   }                                                                                 \
-   bool attr##Has( const Key & key ) const {                                         \
-      return attr##_.find( key ) != nullptr;                                         \
-   }                                                                                 \
-   std::size_t attr##Count() const {                                                 \
-      return attr##_.size();                                                         \
-   }                                                                                 \
-   ::platform::Ptr<const Entry> attr( const Key & key ) const {                      \
-      const auto * entry = attr##_.find( key );                                      \
-      return entry ? ::platform::Ptr<const Entry>( *entry ) : nullptr;               \
-   }                                                                                 \
-   ::platform::Ptr<Entry> attr( const Key & key ) {                                  \
-      const auto * entry = attr##_.find( key );                                      \
-      return entry ? *entry : nullptr;                                               \
-   }                                                                                 \
-   ::platform::Ptr<Entry> attr##Is( const Key & key ) {                              \
-      if ( const auto * entry = attr##_.find( key ) ) {                              \
-         return *entry;                                                              \
-      }                                                                              \
-      auto entry = ::platform::entryFromKey<Entry>( key );                           \
-      attr##Insert( key, entry );                                                    \
-      return entry;                                                                  \
-   }                                                                                 \
-   void attr##Insert( const Key & key, const ::platform::Ptr<Entry> & entry ) {      \
-      attr##Del( key );                                                              \
-      const Key added = key;                                                         \
-      const Key & place = attr##_.insert( added, entry );                            \
-      if constexpr ( std::derived_from<Entry, ::platform::Entity> ) {                \
-         adopt( *entry, attr##Attr(), &place );                                      \
-      }                                                                              \
-      changed( attr##Attr(), &added );                                               \
-   }                                                                                 \
-   void attr##Del( const Key & key ) {                                               \
-      const auto * found = attr##_.find( key );                                      \
-      if ( !found ) {                                                                \
-         return;                                                                     \
-      }                                                                              \
-      const Key removed = key;                                                       \
-      const ::platform::Ptr<Entry> entry = *found;                                   \
-      attr##_.erase( removed );                                                      \
-      if constexpr ( std::derived_from<Entry, ::platform::Entity> ) {                \
-         orphan( *entry );                                                           \
-      }                                                                              \
-      changed( attr##Attr(), &removed );                                             \
-   }                                                                                 \
-   void attr##DelAll() {                                                             \
-      for ( const auto & item : attr##_ ) {                                          \
-         attr##Del( item.key );                                                      \
-      }                                                                              \
-   }                                                                                 \
-   static const ::platform::CollectionAttribute<Self, Key, Entry> & attr##Attr() {   \
-      static const ::platform::CollectionAttribute<Self, Key, Entry> info(           \
-            #attr, &Self::attr##Items, &Self::attr##Insert, &Self::attr##Del );      \
-      return info;                                                                   \
-   }                                                                                 \
-                                                                                     \
- private:                                                                            \
-   ::platform::OrderedMap<Key, ::platform::Ptr<Entry>> attr##_;                      \
-   static inline const ::platform::AttributeRegistration attr##Registration_{ declaredType(), attr##Attr };
+#define HM_COLLECTION( Key, Entry, attr )                                                \
+ public:                                                                                 \
+   const ::platform::OrderedMap<Key, ::platform::Ptr<Entry>> & attr##Items() const {     \
+      return attr##_;                                                                    \
+   }                                                                                     \
+   bool attr##Has( const Key & key ) const {                                             \
+      return attr##_.find( key ) != nullptr;                                             \
+   }                                                                                     \
+   std::size_t attr##Count() const {                                                     \
+      return attr##_.size();                                                             \
+   }                                                                                     \
+   ::platform::Ptr<const Entry> attr( const Key & key ) const {                          \
+      const auto * entry = attr##_.find( key );                                          \
+      return entry ? ::platform::Ptr<const Entry>( *entry ) : nullptr;                   \
+   }                                                                                     \
+   ::platform::Ptr<Entry> attr( const Key & key ) {                                      \
+      const auto * entry = attr##_.find( key );                                          \
+      return entry ? *entry : nullptr;                                                   \
+   }                                                                                     \
+   ::platform::Ptr<Entry> attr##Is( const Key & key ) {                                  \
+      if ( const auto * entry = attr##_.find( key ) ) {                                  \
+         return *entry;                                                                  \
+      }                                                                                  \
+      auto entry = ::platform::entryFromKey<Entry>( key );                               \
+      attr##Insert( key, entry );                                                        \
+      return entry;                                                                      \
+   }                                                                                     \
+   void attr##Insert( const Key & key, const ::platform::Ptr<Entry> & entry ) {          \
+      attr##Del( key );                                                                  \
+      const Key added = key;                                                             \
+      const Key & place = attr##_.insert( added, entry );                                \
+      if constexpr ( std::derived_from<Entry, ::platform::Entity> ) {                    \
+         adopt( *entry, attr##Attr(), &place );                                          \
+      }                                                                                  \
+      changed( attr##Attr(), &added );                                                   \
+   }                                                                                     \
+   void attr##Del( const Key & key ) {                                                   \
+      const auto * found = attr##_.find( key );                                          \
+      if ( !found ) {                                                                    \
+         return;                                                                         \
+      }                                                                                  \
+      const Key removed = key;                                                           \
+      const ::platform::Ptr<Entry> entry = *found;                                       \
+      attr##_.erase( removed );                                                          \
+      if constexpr ( std::derived_from<Entry, ::platform::Entity> ) {                    \
+         orphan( *entry );                                                               \
+      }                                                                                  \
+      changed( attr##Attr(), &removed );                                                 \
+   }                                                                                     \
+   void attr##DelAll() {                                                                 \
+      for ( const auto & item : attr##_ ) {                                              \
+         attr##Del( item.key );                                                          \
+      }                                                                                  \
+   }                                                                                     \
+   static const ::platform::AttributeInfo * declaredAt( ::platform::AtLine<__LINE__> ) { \
+      static const ::platform::CollectionAttribute<Self, Key, Entry> info(               \
+            #attr, &Self::attr##Items, &Self::attr##Insert, &Self::attr##Del );          \
+      return &info;                                                                      \
+   }                                                                                     \
+                                                                                         \
+ private:                                                                                \
+   ::platform::OrderedMap<Key, ::platform::Ptr<Entry>> attr##_;                          \
+   HM_NAMED_( attr, Key )
 
-#define HM_CHILD( Class, attr )                                                        \
- public:                                                                               \
-   ::platform::Ptr<const Class> attr() const {                                         \
-      return attr##_;                                                                  \
-   }                                                                                   \
-   ::platform::Ptr<Class> attr() {                                                     \
-      return attr##_;                                                                  \
-   }                                                                                   \
-   static const ::platform::ChildAttribute<Self, Class> & attr##Attr() {               \
-      static const ::platform::ChildAttribute<Self, Class> info( #attr, &Self::attr ); \
-      return info;                                                                     \
-   }                                                                                   \
-                                                                                       \
- private:                                                                              \
-   ::platform::Ptr<Class> attr##_ = [this] {                                           \
-      ::platform::Ptr<Class> child = new Class();                                      \
-      adopt( *child, attr##Attr(), nullptr );                                          \
-      return child;                                                                    \
-   }();                                                                                \
-   static inline const ::platform::AttributeRegistration attr##Registration_{ declaredType(), attr##Attr };
+#define HM_CHILD( Class, attr )                                                          \
+ public:                                                                                 \
+   ::platform::Ptr<const Class> attr() const {                                           \
+      return attr##_;                                                                    \
+   }                                                                                     \
+   ::platform::Ptr<Class> attr() {                                                       \
+      return attr##_;                                                                    \
+   }                                                                                     \
+   static const ::platform::AttributeInfo * declaredAt( ::platform::AtLine<__LINE__> ) { \
+      static const ::platform::ChildAttribute<Self, Class> info( #attr, &Self::attr );   \
+      return &info;                                                                      \
+   }                                                                                     \
+                                                                                         \
+ private:                                                                                \
+   ::platform::Ptr<Class> attr##_ = [this] {                                             \
+      ::platform::Ptr<Class> child = new Class();                                        \
+      adopt( *child, attr##Attr(), nullptr );                                            \
+      return child;                                                                      \
+   }();                                                                                  \
+   HM_NAMED_( attr, void )
 
 #define HM_MAP_OVER_( Map, Key, Value, attr )                       \
  public:                                                            \

@@ -26,14 +26,13 @@ class Reactor : public RefCounted {
    Reactor();
 
    /// `handler` runs after each change of a scalar of `entity`.
-   template<class E, class T>
-   void watch( const Ptr<const E> & entity, const ScalarAttribute<E, T> & attribute,
-         std::function<void()> handler ) {
+   template<class E>
+   void watch( const Ptr<const E> & entity, AttributeOf<E, void> attribute, std::function<void()> handler ) {
       watchAdd( entity, attribute, [handler = std::move( handler )]( const void * ) { handler(); } );
    }
    /// `handler` runs with the key after each entry that comes or goes.
-   template<class E, class Key, class Base>
-   void watch( const Ptr<const E> & entity, const KeyedAttribute<E, Key, Base> & attribute,
+   template<class E, class Key>
+   void watch( const Ptr<const E> & entity, AttributeOf<E, Key> attribute,
          std::function<void( const Key & )> handler ) {
       watchAdd( entity, attribute, [handler = std::move( handler )]( const void * key ) {
          handler( *static_cast<const Key *>( key ) );

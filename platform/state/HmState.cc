@@ -8,6 +8,15 @@
 
 namespace HmState {
 
+HM_ENTITY_TYPE( ResponseRule )
+HM_ENTITY_TYPE( NexthopGroupProbeConfig )
+HM_ENTITY_TYPE( ProbeConfig )
+HM_ENTITY_TYPE( NexthopGroupConfig )
+HM_ENTITY_TYPE( ServerConfig )
+HM_ENTITY_TYPE( ProbeStatus )
+HM_ENTITY_TYPE( NexthopGroupProbeStatus )
+HM_ENTITY_TYPE( ServerStatus )
+
 namespace {
 
 constexpr std::uint32_t secondsADay = 86'400;

@@ -149,7 +149,7 @@ class HostModel : public ConfigFixture {
       explicit PassObserver( HostModel & test ) : test_( test ) { test_.commonData->observe( *this ); }
       ~PassObserver() { test_.commonData->unobserve( *this ); }
       void attributeChanged( const AttributeInfo & attribute, const void * ) override {
-         if ( &attribute == &CommonData::configPhaseAttr() &&
+         if ( &attribute == &CommonData::configPhaseAttr().info &&
                test_.commonData->configPhase() == ConfigPhase::netChasmInfoProcessing ) {
             ++passes;
             test_.verify();

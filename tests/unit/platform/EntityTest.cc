@@ -21,25 +21,20 @@ class Recorder : public Reactor {
  public:
    Recorder() { notificationsEnabledIs( true ); }
    using Reactor::unwatchAll;
-   template<class E, class Attribute>
-   void follow( const Ptr<E> & entity, const Attribute & attribute, std::function<void()> then = {} ) {
-      if constexpr ( requires { attribute.kind(); } ) {
-         watch( Ptr<const E>( entity ), attribute,
-               [this, &attribute, then] { note( attribute.name(), then ); } );
+   template<class E, class Key>
+   void follow( const Ptr<E> & entity, AttributeOf<E, Key> attribute, std::function<void()> then = {} ) {
+      const AttributeInfo & info = attribute;
+      if constexpr ( std::is_void_v<Key> ) {
+         watch( Ptr<const E>( entity ), attribute, [this, &info, then] { note( info.name(), then ); } );
       } else {
-         watchKey( entity, attribute, then );
+         watch<E, Key>( Ptr<const E>( entity ), attribute, [this, &info, then]( const Key & key ) {
+            note( info.name() + " " + info.keyText( &key ), then );
+         } );
       }
    }
    std::vector<std::string> seen;
 
  private:
-   template<class E, class Key, class Base>
-   void watchKey(
-         const Ptr<E> & entity, const KeyedAttribute<E, Key, Base> & attribute, std::function<void()> then ) {
-      watch<E, Key, Base>( Ptr<const E>( entity ), attribute, [this, &attribute, then]( const Key & key ) {
-         note( attribute.name() + " " + attribute.keyText( &key ), then );
-      } );
-   }
    void note( const std::string & what, const std::function<void()> & then ) {
       seen.push_back( what );
       if ( then ) {
