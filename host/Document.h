@@ -20,8 +20,8 @@ struct AttributeContent {
    std::string text{};                       // scalars
    std::vector<std::string> keys{};          // sets and collections
    std::unordered_set<std::string> keySet{}; // the same, to look them up
-   std::vector<EntityContent> entries{};     // collections: one a key
-   std::unique_ptr<EntityContent> child{};   // children
+   std::vector<EntityContent> entries;       // collections: one a key
+   std::unique_ptr<EntityContent> child;     // children
 };
 
 /// What a document says about one entity; attributes that are not named take their defaults.

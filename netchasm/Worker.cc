@@ -61,7 +61,6 @@ Worker::Worker(
       unsigned number, const Log & log, SocketCalls & calls, std::shared_ptr< HMStorageObserver > observer )
       : number_{ number },
         log_{ log },
-        calls_{ calls },
         observer_{ std::move( observer ) },
         checks_{ calls, -1, {} },
         faults_{ log },

@@ -98,7 +98,6 @@ class Worker {
    // Constant after construction.
    const unsigned number_;
    const Log & log_;
-   SocketCalls & calls_;
    const std::shared_ptr< HMStorageObserver > observer_;
 
    // This worker's thread.

@@ -8,7 +8,7 @@ dependencies_build=(
    libgtest-dev libgmock-dev libbenchmark-dev
 )
 dependencies_demo=( nginx-light openssl python3 procps iproute2 )
-dependencies_test=( clang-format "${dependencies_demo[@]}" )
+dependencies_test=( clang-format clang libclang-rt-dev llvm "${dependencies_demo[@]}" )
 dependencies_bench=( haproxy "${dependencies_demo[@]}" )
 
 dependencies_install() {

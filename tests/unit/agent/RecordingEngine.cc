@@ -21,6 +21,7 @@ struct Record {
    std::string refused;
    bool held = false;
    std::size_t engines = 0;
+   std::vector<const HMStateManager *> undying; // the agent never destroys its engine; not a leak
    std::shared_ptr<HMStorageObserver> observer;
    std::shared_ptr<HMLogBase> log;
 
@@ -111,6 +112,7 @@ std::shared_ptr<HMLogBase> RecordingEngine::log() {
 HMStateManager::HMStateManager() : engine_( std::make_unique<netchasm::Engine>() ), workQueue_( *engine_ ) {
    const std::scoped_lock lock( record().mutex );
    ++record().engines;
+   record().undying.push_back( this );
 }
 
 HMStateManager::~HMStateManager() = default;
