@@ -36,19 +36,25 @@ def document(servers):
     })
 
 
+STATUS = "healthMonitor/status/serverStatus"
+
+
 class UpCounter(threading.Thread):
     """Follows "hmctl watch" and keeps which servers are published up, and since when."""
 
     def __init__(self, hmctl):
         super().__init__(daemon=True)
-        self.process = subprocess.Popen([*hmctl, "watch", "healthMonitor/status/serverStatus"],
-                                        stdout=subprocess.PIPE, text=True)
+        self.get = [*hmctl, "get", "--json", STATUS]
+        self.process = subprocess.Popen([*hmctl, "watch", STATUS], stdout=subprocess.PIPE, text=True)
         self.up, self.since = set(), {}
         self.start()
 
     def run(self):
         for line in self.process.stdout:
             change = json.loads(line)
+            if "path" not in change:  # says how many changes did not wait for us: look at all instead
+                self.reread()
+                continue
             path, value = f"{change['path']}/{change['attribute']}", change.get("value")
             if change.get("change") == "removed":
                 gone = f"{path}/{change['key']}"
@@ -58,6 +64,11 @@ class UpCounter(threading.Thread):
             elif change["attribute"] == "operState":
                 self.note(change["path"], {"operState": value})
 
+    def reread(self):
+        status = json.loads(subprocess.run(self.get, check=True, capture_output=True, text=True).stdout)[STATUS]
+        for group, entry in status["nhgProbeStatus"].items():
+            self.note(f"{STATUS}/nhgProbeStatus/{group}", entry)
+
     def note(self, path, entry):
         """An entry is a server's state, or a group's with servers below it."""
         if not isinstance(entry, dict):
@@ -65,8 +76,9 @@ class UpCounter(threading.Thread):
         for server, state in entry.get("serverProbeStatus", {}).items():
             self.note(f"{path}/serverProbeStatus/{server}", state)
         if entry.get("operState") == "up":
+            if path not in self.up:
+                self.since[path] = time.monotonic()
             self.up.add(path)
-            self.since[path] = time.monotonic()
         elif "operState" in entry:
             self.up.discard(path)
 
