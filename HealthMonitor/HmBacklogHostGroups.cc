@@ -274,8 +274,7 @@ void BacklogSm::verifyHostConfig( const NexthopGroupName & nhgName, ProbeType pr
       HM_ASSERT(
             group->dualStackMode() == "ipv6-only", "Invalid dual-stack-mode: {}", group->dualStackMode() );
    }
-   const auto params = probeType == ProbeType::http ? parseCurlUrlInfo( nhgName, url, !vip.empty() )
-                                                    : parseTcpUrlInfo( nhgName, url, !vip.empty() );
+   const auto params = parseUrlInfo( probeType, nhgName, url, !vip.empty() );
    HM_ASSERT( params, "Invalid checkParams for {}", nhgName );
    const auto checkType = nodeCheckType( params, sslProfile );
    HM_ASSERT( group->checkType() == checkType, "Invalid check-type: {} expected: {}", group->checkType(),

@@ -44,6 +44,11 @@ class BacklogSm : public Reactor {
          const NexthopGroupName & nhgName, const std::string & url, bool nhgHasVip );
    static NetCHASMCheckParams parseTcpUrlInfo(
          const NexthopGroupName & nhgName, const std::string & url, bool nhgHasVip );
+   static NetCHASMCheckParams parseUrlInfo(
+         ProbeType probeType, const NexthopGroupName & nhgName, const std::string & url, bool nhgHasVip ) {
+      return probeType == ProbeType::http ? parseCurlUrlInfo( nhgName, url, nhgHasVip )
+                                          : parseTcpUrlInfo( nhgName, url, nhgHasVip );
+   }
 
    // Host groups.
 
@@ -87,7 +92,6 @@ class BacklogSm : public Reactor {
    bool processNhgLocalAttrsBacklog();
    bool processGlobalAttrsBacklog();
 
-   void processNhgServerEntry( const IpNhgPair & server, bool add, bool globalNoPeerCheck );
    void processNhgServerAdd( const NexthopGroupName & nhgName, ProbeType probeType,
          const IpGenAddr & serverIp, const IpGenAddr & hostIp, const NetCHASMCheckParams & params,
          bool noPeerCheck );

@@ -73,7 +73,6 @@ class NetCHASMInfoSm : public Reactor {
    bool generateNetCHASMAddCmds();
    bool generateDnsAndMarkCmds( bool add );
    bool deletePendingMarks();
-   bool addHosts( const HostGroupKey & key, const std::string & hostGroupName, const NhgHostList & hosts );
 
    Ptr<NetCHASMFileCfg> createNetCHASMConfigFiles();
    void generateMasterConfig();
