@@ -244,10 +244,9 @@ void BacklogSm::updateNhgLocalAttrs(
    group->timeoutIs( milliseconds( Seconds( timeout ) ) );
    group->checkRetryDelayIs( milliseconds( Seconds( retryDelay ) ) );
    group->checkRetriesIs( retryCount );
-   if ( const auto sslParams = commonData_->nhgSslParams( nhgName ) ) {
-      group->caFilePathIs( sslParams->caFilePath() );
-      group->certFilePathIs( sslParams->certFilePath() );
-   }
+   const auto sslParams = commonData_->nhgSslParams( nhgName );
+   group->caFilePathIs( sslParams ? sslParams->caFilePath() : "" );
+   group->certFilePathIs( sslParams ? sslParams->certFilePath() : "" );
    if ( isHttps( group->checkType() ) ) {
       const auto suffix = group->checkType().find( noPeerCheckSuffix );
       if ( suffix != std::string::npos && !noPeerCheck ) {

@@ -89,7 +89,6 @@ class ConfigSm : public Reactor {
    void hmNhgConfigDel( const NexthopGroupName & nhgName );
    void hmNhgProbeConfigIs( const NexthopGroupName & nhgName );
    void hmNhgProbeConfigDel( const NexthopGroupName & nhgName );
-   void nhgSslParamsForget( const NexthopGroupName & nhgName );
    void sslStatusIs( const std::string & profileName );
    void sslStatusDel( const std::string & profileName );
 
