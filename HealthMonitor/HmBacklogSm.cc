@@ -28,13 +28,23 @@ BacklogSm::~BacklogSm() {
    task_->runHandlerIs( {} );
 }
 
+void BacklogSm::notificationsEnabledIs( bool enabled ) {
+   Reactor::notificationsEnabledIs( enabled );
+   if ( enabled && commonData_->configPhase() == ConfigPhase::backlogProcessing && !allBacklogsEmpty() ) {
+      task_->scheduleTask();
+   }
+}
+
 void BacklogSm::handleInitialized() {
    HM_TRACE( 9, "" );
    backlogTypeBookmark_ = BacklogType::nhgServerChange;
    initialized_ = true;
-   // Packets without a mark carry 0, so that 0 is never handed out.
-   commonData_->serverMarkBitmapIs( "serverMarkBitmap", commonData_->serverMarkBitmapSize(), false )
-         ->setBit( 0 );
+   // One for the life of the shared data: marks in use stay so. Packets without a mark carry 0, so that 0 is
+   // never handed out.
+   if ( !commonData_->serverMarkBitmap() ) {
+      commonData_->serverMarkBitmapIs( "serverMarkBitmap", commonData_->serverMarkBitmapSize(), false )
+            ->setBit( 0 );
+   }
    netChasmInfo_->hostConfigIs();
    processBacklog();
 }

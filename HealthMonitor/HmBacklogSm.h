@@ -29,6 +29,9 @@ class BacklogSm : public Reactor {
          Ptr<Task> task );
    ~BacklogSm() override;
 
+   /// What the task did not do while they were off is taken up when they are switched on.
+   void notificationsEnabledIs( bool enabled ) override;
+
    bool initialized() const { return initialized_; }
    BacklogType backlogTypeBookmark() const { return backlogTypeBookmark_; }
    bool allBacklogsEmpty() const;

@@ -72,6 +72,13 @@ NetCHASMInfoSm::~NetCHASMInfoSm() {
    ncTask_->runHandlerIs( nullptr );
 }
 
+void NetCHASMInfoSm::notificationsEnabledIs( bool enabled ) {
+   Reactor::notificationsEnabledIs( enabled );
+   if ( enabled && commonData()->configPhase() == ConfigPhase::netChasmInfoProcessing ) {
+      ncTask_->scheduleTask();
+   }
+}
+
 void NetCHASMInfoSm::handleInitialized() {
    if ( initialized_ ) {
       HM_TRACE( 4, "already initialized" );

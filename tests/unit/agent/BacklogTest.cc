@@ -190,6 +190,16 @@ TEST_F( Marks, AreSharedByAllGroupsOfAServerUntilTheLastLetsGo ) {
    EXPECT_EQ( commonData->serverMarkBitmap()->bitsSet(), 1u );
 }
 
+TEST_F( Marks, AreNotHandedOutTwiceByAReactorThatComesLater ) {
+   web( "web", { "10.1.1.1" } );
+   runUntilIdle();
+   const Ptr<Task> task = new Task( scheduler, TaskPriority{ 3 }, "backlogSmTask" );
+   const Ptr<BacklogSm> later = new BacklogSm( probeConfig, serverConfig, serverStatus, sslStatus,
+         new BacklogInfo(), new NetCHASMInfo(), commonData, task );
+   EXPECT_EQ( later->findOrCreateMarkForServer( ip( "10.1.1.1" ) ), mark( "10.1.1.1" ) );
+   EXPECT_NE( later->findOrCreateMarkForServer( ip( "10.1.1.2" ) ), mark( "10.1.1.1" ) );
+}
+
 TEST_F( Marks, ServerWithoutAMarkHasNothingToRelease ) {
    EXPECT_EQ( configSm->backlogSm()->deleteMarkForServer( ip( "10.1.1.1" ) ), 0u );
    EXPECT_EQ( commonData->delMarkPendingListCount(), 0u );
