@@ -244,10 +244,9 @@ void BacklogSm::updateNhgLocalAttrs(
    group->timeoutIs( milliseconds( Seconds( timeout ) ) );
    group->checkRetryDelayIs( milliseconds( Seconds( retryDelay ) ) );
    group->checkRetriesIs( retryCount );
-   if ( const auto sslParams = commonData_->nhgSslParams( nhgName ) ) {
-      group->caFilePathIs( sslParams->caFilePath() );
-      group->certFilePathIs( sslParams->certFilePath() );
-   }
+   const auto sslParams = commonData_->nhgSslParams( nhgName );
+   group->caFilePathIs( sslParams ? sslParams->caFilePath() : "" );
+   group->certFilePathIs( sslParams ? sslParams->certFilePath() : "" );
    if ( isHttps( group->checkType() ) ) {
       const auto suffix = group->checkType().find( noPeerCheckSuffix );
       if ( suffix != std::string::npos && !noPeerCheck ) {
@@ -274,8 +273,7 @@ void BacklogSm::verifyHostConfig( const NexthopGroupName & nhgName, ProbeType pr
       HM_ASSERT(
             group->dualStackMode() == "ipv6-only", "Invalid dual-stack-mode: {}", group->dualStackMode() );
    }
-   const auto params = probeType == ProbeType::http ? parseCurlUrlInfo( nhgName, url, !vip.empty() )
-                                                    : parseTcpUrlInfo( nhgName, url, !vip.empty() );
+   const auto params = parseUrlInfo( probeType, nhgName, url, !vip.empty() );
    HM_ASSERT( params, "Invalid checkParams for {}", nhgName );
    const auto checkType = nodeCheckType( params, sslProfile );
    HM_ASSERT( group->checkType() == checkType, "Invalid check-type: {} expected: {}", group->checkType(),

@@ -212,6 +212,24 @@ TEST_F( Monitoring, NothingReactsWhileNotificationsAreOff ) {
    EXPECT_EQ( serverStatus->nhgProbeStatusCount(), 0u );
 }
 
+TEST_F( Monitoring, WorkThatWaitedWhileNotificationsWereOffIsTakenUp ) {
+   startMonitoring();
+   const auto offAndOn = [this] {
+      configSm->notificationsEnabledIs( false );
+      runUntilIdle();
+      configSm->notificationsEnabledIs( true );
+   };
+   web( "web", { "10.1.1.1" } );
+   offAndOn();
+   EXPECT_TRUE( engine.marks.empty() );
+   stopInUpdateCycle();
+   offAndOn();
+   EXPECT_EQ( commonData->configPhase(), ConfigPhase::netChasmInfoProcessing );
+   runUntilIdle();
+   EXPECT_EQ( commonData->configPhase(), ConfigPhase::backlogProcessing );
+   EXPECT_EQ( engine.marks.size(), 1u );
+}
+
 class NiceValue : public Monitoring {
  public:
    int nice( int increment ) override {

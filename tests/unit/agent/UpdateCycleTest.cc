@@ -251,7 +251,7 @@ TEST_F( UpdateCycle, RemovalsPrecedeTheReloadAndAdditionsFollowIt ) {
 }
 
 TEST_F( UpdateCycle, YieldingBeforeEveryItemChangesNothing ) {
-   for ( const std::string nhg : { "a", "b", "c" } ) {
+   for ( const std::string nhg : { "", "a", "b" } ) {
       group( nhg );
       for ( const std::string server : { "10.1.1.1", "10.1.1.2", "10.1.1.3" } ) {
          host( nhg, server );
