@@ -98,8 +98,14 @@ void ConfigQueue::slice() {
          return;
       }
       const auto & job = *waiting_.front();
-      if ( !job.change->errors.empty() || job.request.checkOnly ) {
+      if ( !job.change->errors.empty() ) {
          finish( { job.change->errors, 0 } );
+      } else if ( !crossCheck_ ) {
+         crossCheck_ = std::make_unique<CrossCheck>( entityManager_, job.change );
+      } else if ( crossCheck_->step() ) {
+         continue;
+      } else if ( !crossCheck_->errors().empty() || job.request.checkOnly ) {
+         finish( { crossCheck_->errors().lines(), 0 } );
       } else if ( !applier_ ) {
          applier_ = std::make_unique<Applier>( entityManager_, job.change );
       } else if ( !applier_->step() ) {
@@ -111,6 +117,7 @@ void ConfigQueue::slice() {
 
 void ConfigQueue::finish( const ChangeOutcome & outcome ) {
    const auto job = waiting_.front();
+   crossCheck_ = nullptr;
    applier_ = nullptr;
    waiting_.pop_front();
    checkThread_->push( std::exchange( job->change, nullptr ) );

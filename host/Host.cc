@@ -161,6 +161,11 @@ std::vector<std::string> Host::startupConfigure() {
       return change->errors;
    }
    // Nobody watches and nothing else waits yet: no slices.
+   CrossCheck crossCheck( entityManager_, change );
+   while ( crossCheck.step() ) {}
+   if ( !crossCheck.errors().empty() ) {
+      return crossCheck.errors().lines();
+   }
    Applier applier( entityManager_, change );
    while ( applier.step() ) {}
    changeEnded( { applier.refusals(), applier.changes() } );

@@ -147,8 +147,19 @@ TEST_F( Queue, AppliesOneAfterTheOtherAndCheckedOnesOnly ) {
    check.checkOnly = true;
    queue->submit( std::move( check ), end( "check" ) );
    queue->submit( document( manyServers( 499 ) ), end( "last" ) );
-   ASSERT_TRUE( turnUntil( [&] { return ended.size() == 4; } ) );
-   EXPECT_THAT( ended, ElementsAre( "first 501", "wrong f.yaml:1: no such path: x", "check 0", "last 1" ) );
+   // Held against what stands when its turn comes.
+   for ( const bool checkOnly : { true, false } ) {
+      auto mixed = document( probe + "/nhgProbeConfig/web/vip: \"2001:db8::1\"\n" );
+      mixed.checkOnly = checkOnly;
+      queue->submit( std::move( mixed ), end( "mixed" ) );
+   }
+   ASSERT_TRUE( turnUntil( [&] { return ended.size() == 6; } ) );
+   const auto mixed =
+         "mixed f.yaml:1: " + probe +
+         "/nhgProbeConfig/web: vip: 2001:db8::1 is IPv6, the servers of the group are IPv4: they "
+         "cannot be probed through it";
+   EXPECT_THAT( ended,
+         ElementsAre( "first 501", "wrong f.yaml:1: no such path: x", "check 0", "last 1", mixed, mixed ) );
    EXPECT_EQ( serverConfig()->nhgConfig( "web" )->serverIpCount(), 499u );
 }
 
