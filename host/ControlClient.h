@@ -93,6 +93,7 @@ std::unique_ptr<Answer> changeAnswer(
       ControlClient & client, ChangeRequest request, std::shared_ptr<void> share );
 std::unique_ptr<Answer> watchAnswer( ControlClient & client, const std::string & path, bool initial );
 
+std::unique_ptr<Answer> refusedAnswer( const std::string & reason );
 std::string refusedLine( const std::vector<std::string> & reasons );
 
 } // namespace host

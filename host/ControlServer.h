@@ -3,6 +3,7 @@
 #include "host/ChangeFeed.h"
 #include "host/ConfigQueue.h"
 #include "host/Schema.h"
+#include "platform/CommandCallback.h"
 #include "platform/EventLoop.h"
 #include "platform/Task.h"
 
@@ -23,6 +24,7 @@ struct ControlServices {
    std::shared_ptr<const Schema> schema;
    platform::Ptr<ConfigQueue> configQueue;
    platform::Ptr<ChangeFeed> changeFeed;
+   platform::Ptr<platform::CommandRequestDirectory> commandDirectory;      // of the agent
    std::function<void()> statusRefresh = [] {};                            // before state is read
    std::function<std::string()> cleanState = [] { return std::string{}; }; // of the agent; empty: clean
    std::function<void( std::size_t )> clientCountChanged = []( std::size_t ) {};

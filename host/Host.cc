@@ -123,6 +123,7 @@ std::vector<std::string> Host::start() {
    services.schema = schema_;
    services.configQueue = configQueue_;
    services.changeFeed = changeFeed_;
+   services.commandDirectory = agent_->commandRequestDirectory();
    services.statusRefresh = [this] { statusRefresh(); };
    services.cleanState = [this] { return agent_->doCheckAgentCleanState(); };
    services.clientCountChanged = [this]( std::size_t count ) {
