@@ -3,13 +3,12 @@
 #include "platform/CliSocket.h"
 
 #include <concepts>
+#include <cstdarg>
 #include <cstdint>
 #include <initializer_list>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <variant>
-#include <vector>
 
 namespace platform {
 

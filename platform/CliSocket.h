@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 namespace platform {
 
@@ -25,24 +26,25 @@ class CliInterrupt : public std::runtime_error {
 class CliSocket : public RefCounted {
  public:
    static Ptr<CliSocket> find( unsigned socket ); // made when there is none
-   /// Drops what waits. To be called before the descriptor is closed: its number may come again.
-   static void forget( unsigned socket );
    ~CliSocket() override;
 
    /// Appends, and offers the socket what has gathered from time to time.
    void write( std::string_view text ); // throws CliInterrupt
    /// Offers the socket what waits. False: the reader has gone, and nothing waits any more.
    bool drain();
+   /// Drops what waits and uses the descriptor no more. To be called before it is closed: its number may come
+   /// again.
+   void forget();
 
    std::size_t pending() const { return buffer_.size() - sent_; } // bytes
    bool gone() const { return !gone_.empty(); }
 
  private:
    explicit CliSocket( unsigned socket ) : socket_( socket ) {}
+   ssize_t offer();
    void end( std::string reason );
 
    const unsigned socket_;
-   bool registered_ = true;
    std::string buffer_;
    std::size_t sent_ = 0;    // of buffer_
    std::size_t offerAt_ = 0; // pending() at which the socket is asked next

@@ -4,7 +4,8 @@
 #include "platform/Clock.h"
 #include "platform/Task.h"
 
-#include <memory>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,8 +47,8 @@ class AgentCommandCallback : public RefCounted {
    /// Does `command`; nothing when it is another's. `socket` is a descriptor as CliSocket takes it.
    virtual void handleCommand( unsigned socket, const std::string & command ) = 0;
 
-   /// The directory in which it is registered. Set to none, it answers no command any more, and runs of its
-   /// commands end at their next step.
+   /// The directory in which it is registered, which sets it. Set to none by anybody, it answers no command
+   /// any more, and runs of its commands end at their next step.
    CommandRequestDirectory * parent() const { return parent_; }
    void parentIs( CommandRequestDirectory * parent );
 
@@ -108,7 +109,7 @@ class AsyncCommandRequestSm : public RefCounted {
    /// One slice. May throw CliInterrupt, and is not called again then.
    virtual void handleAsyncCommand( unsigned socket, unsigned format ) = 0;
 
-   /// Begins a slice and calls handleAsyncCommand(). For whoever runs the request.
+   /// Calls handleAsyncCommand() with a full budget. For whoever runs the request.
    void runSlice();
 
  protected:
@@ -121,7 +122,7 @@ class AsyncCommandRequestSm : public RefCounted {
    const Seconds maxRunTime_;
    const Clock & clock_;
    const Ptr<CliSocket> socket_;
-   Clock::TimePoint sliceStart_{};
+   std::optional<Clock::TimePoint> sliceStart_; // none between slices
    bool sliceAsked_ = false;
    bool deferred_ = false;
    bool executionCompleted_ = false;
@@ -158,9 +159,11 @@ class CommandRun : public RefCounted {
    std::size_t pending() const { return socket_->pending(); }
 
  private:
+   friend class CommandRequestDirectory;
+   void perform( const std::function<void()> & work );
+
    const Ptr<AgentCommandCallback> callback_;
    Ptr<AsyncCommandRequestSm> sm_; // empty: done
-   const unsigned descriptor_;
    const Ptr<CliSocket> socket_;
    bool interrupted_ = false;
 };
@@ -184,6 +187,8 @@ class CommandRequestDirectory : public RefCounted {
  private:
    friend class AgentCommandCallback;
    void callbackDel( AgentCommandCallback & callback );
+   template<class Callback>
+   void replace( Ptr<Callback> & place, Ptr<Callback> callback );
 
    Ptr<AgentCommandCallback> callback_;
    Ptr<AgentCommandCallbackWithFormat> callbackWithFormat_;
