@@ -1,6 +1,7 @@
 #include "host/ControlClient.h"
 
 #include "host/ControlProtocol.h"
+#include "host/ControlQueries.h"
 #include "host/HostStatus.h"
 #include "host/StateWriter.h"
 
@@ -199,13 +200,27 @@ void cleanState( ControlClient & client, const Json &, ControlRequest & request 
                                     : refused( message );
 }
 
+void complete( ControlClient & client, const Json & json, ControlRequest & request ) {
+   request.answer = completionAnswer( client.server().services(), textMember( json, "path", true ),
+         textMember( json, "begin", true ), flagMember( json, "configuration" ) );
+}
+
+void trace( ControlClient &, const Json & json, ControlRequest & request ) {
+   const bool change = json.contains( "facility" ) || json.contains( "levels" );
+   request.answer = std::make_unique<ReadyAnswer>(
+         change ? traceLevelsIs( textMember( json, "facility" ), textMember( json, "levels" ) )
+                : traceTable() );
+}
+
 using Command = void ( * )( ControlClient &, const Json &, ControlRequest & );
 const std::map<std::string, Command, std::less<>> commands{
       { "apply", apply },
       { "clean-state", cleanState },
+      { "complete", complete },
       { "del", del },
       { "get", get },
       { "set", set },
+      { "trace", trace },
       { "watch", watch },
 };
 
