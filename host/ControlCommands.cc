@@ -2,6 +2,7 @@
 
 #include "host/ControlLines.h"
 #include "host/ControlProtocol.h"
+#include "host/ControlQueries.h"
 #include "host/ControlRun.h"
 #include "host/HostStatus.h"
 #include "host/StateWriter.h"
@@ -205,15 +206,29 @@ void agentCommands( ControlClient & client, const Json &, ControlRequest & reque
    request.answer = std::make_unique<ReadyAnswer>( commandsLine( directory ) + doneLine() );
 }
 
+void complete( ControlClient & client, const Json & json, ControlRequest & request ) {
+   request.answer = completionAnswer( client.server().services(), textMember( json, "path", true ),
+         textMember( json, "begin", true ), flagMember( json, "configuration" ) );
+}
+
+void trace( ControlClient &, const Json & json, ControlRequest & request ) {
+   const bool change = json.contains( "facility" ) || json.contains( "levels" );
+   request.answer = std::make_unique<ReadyAnswer>(
+         change ? traceLevelsIs( textMember( json, "facility" ), textMember( json, "levels" ) )
+                : traceTable() );
+}
+
 using Command = void ( * )( ControlClient &, const Json &, ControlRequest & );
 const std::map<std::string, Command, std::less<>> commands{
       { "apply", apply },
       { "clean-state", cleanState },
       { "commands", agentCommands },
+      { "complete", complete },
       { "del", del },
       { "get", get },
       { "run", run },
       { "set", set },
+      { "trace", trace },
       { "watch", watch },
 };
 

@@ -41,15 +41,20 @@ class RunAnswer final : public Answer {
       if ( take( out ) ) {
          return true;
       }
-      if ( !run_->finished() ) {
+      // The first step may print, the second one hands over what was printed.
+      for ( int step = 0; step < 2 && !run_->finished(); ++step ) {
          run_->step();
-      }
-      if ( take( out ) ) {
-         return true;
+         if ( take( out ) ) {
+            return true;
+         }
       }
       if ( run_->finished() ) {
          if ( !kept_.empty() ) {
             out += textLine( kept_ );
+         }
+         if ( !run_->refusal().empty() ) {
+            out += refusedLine( { run_->refusal() } );
+            return false;
          }
          out += run_->interrupted() ? refusedLine( { "the agent went away" } ) : doneLine();
          return false;

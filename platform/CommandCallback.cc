@@ -91,7 +91,10 @@ void CommandRun::step() {
    } else if ( sm_ && pending() == 0 ) {
       perform( [this] { sm_->runSlice(); } );
    }
-   if ( interrupted_ || ( sm_ && sm_->executionCompleted() ) ) {
+   if ( sm_ ) {
+      refusal_ = sm_->refusal();
+   }
+   if ( interrupted_ || ( sm_ && ( sm_->executionCompleted() || !refusal_.empty() ) ) ) {
       sm_ = nullptr;
    }
 }
@@ -106,72 +109,61 @@ void CommandRun::perform( const std::function<void()> & work ) {
 }
 
 CommandRequestDirectory::~CommandRequestDirectory() {
-   commandCallbackIs( nullptr );
-   commandCallbackWithFormatIs( nullptr );
-}
-
-template<class Callback>
-void CommandRequestDirectory::replace( Ptr<Callback> & place, Ptr<Callback> callback ) {
-   if ( place == callback ) {
-      return;
-   }
-   if ( const auto former = place ) {
-      former->parentIs( nullptr );
-   }
-   place = std::move( callback );
-   if ( place ) {
-      place->parentIs( this );
+   while ( !callbacks_.empty() ) {
+      callbacks_.back()->parentIs( nullptr );
    }
 }
 
 void CommandRequestDirectory::commandCallbackIs( Ptr<AgentCommandCallback> callback ) {
-   replace( callback_, std::move( callback ) );
-}
-
-void CommandRequestDirectory::commandCallbackWithFormatIs( Ptr<AgentCommandCallbackWithFormat> callback ) {
-   replace( callbackWithFormat_, std::move( callback ) );
+   for ( const auto & present : callbacks_ ) {
+      if ( present->name() == callback->name() && present != callback ) {
+         present->parentIs( nullptr );
+         break;
+      }
+   }
+   if ( callback->parent() != this ) {
+      callbacks_.push_back( callback );
+      callback->parentIs( this );
+   }
 }
 
 void CommandRequestDirectory::callbackDel( AgentCommandCallback & callback ) {
-   if ( callback_.get() == &callback ) {
-      callback_ = nullptr;
-   } else if ( callbackWithFormat_.get() == &callback ) {
-      callbackWithFormat_ = nullptr;
-   }
+   std::erase_if( callbacks_, [&]( const auto & present ) { return present.get() == &callback; } );
 }
 
 std::vector<CommandInfo> CommandRequestDirectory::commands() const {
    std::vector<CommandInfo> commands;
-   if ( callbackWithFormat_ ) {
-      commands = callbackWithFormat_->commands();
+   for ( const auto & callback : callbacks_ ) {
+      std::ranges::copy( callback->commands(), std::back_inserter( commands ) );
    }
-   if ( callback_ ) {
-      std::ranges::copy( callback_->commands(), std::back_inserter( commands ) );
-   }
+   std::ranges::sort( commands, {}, &CommandInfo::command );
    return commands;
 }
 
 Ptr<CommandRun> CommandRequestDirectory::run(
       const std::string & command, unsigned socket, unsigned format ) {
-   if ( callbackWithFormat_ && answers( *callbackWithFormat_, command ) ) {
-      const auto callback = callbackWithFormat_;
+   const auto found = std::ranges::find_if(
+         callbacks_, [&]( const auto & callback ) { return answers( *callback, command ); } );
+   if ( found == callbacks_.end() ) {
+      return nullptr;
+   }
+   const Ptr<AgentCommandCallback> callback = *found;
+   const auto withFormat = dynamicPtrCast<AgentCommandCallbackWithFormat>( callback );
+   Ptr<AsyncCommandRequestSm> sm;
+   if ( withFormat ) {
       const auto name = fmt::format( "{}-{}", callback->commandType(), ++requests_ );
-      auto sm = callback->createAgentAsyncCommandRequestSm(
+      sm = withFormat->createAgentAsyncCommandRequestSm(
             new AgentCommandRequest( name, command, socket, format ) );
-      const bool atOnce = !sm;
-      const Ptr<CommandRun> run = new CommandRun( callback, std::move( sm ), socket );
-      if ( atOnce ) {
-         run->perform( [&] { callback->handleCommand( socket, command, format ); } );
-      }
-      return run;
    }
-   if ( callback_ && answers( *callback_, command ) ) {
-      const auto callback = callback_;
-      const Ptr<CommandRun> run = new CommandRun( callback, nullptr, socket );
-      run->perform( [&] { callback->handleCommand( socket, command ); } );
-      return run;
+   const bool atOnce = !sm;
+   const Ptr<CommandRun> run = new CommandRun( callback, std::move( sm ), socket );
+   if ( atOnce ) {
+      run->perform( [&] {
+         withFormat ? withFormat->handleCommand( socket, command, format )
+                    : callback->handleCommand( socket, command );
+      } );
    }
-   return nullptr;
+   return run;
 }
 
 } // namespace platform

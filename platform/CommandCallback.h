@@ -103,6 +103,9 @@ class AsyncCommandRequestSm : public RefCounted {
    /// The last call did nothing, as the request is not ready yet.
    bool deferred() const { return deferred_; }
    void deferredIs( bool deferred ) { deferred_ = deferred; }
+   /// Why there is no answer. Said before anything is printed, and nothing is then; empty: there is one.
+   const std::string & refusal() const { return refusal_; }
+   void refusedIs( std::string why ) { refusal_ = std::move( why ); }
    bool executionCompleted() const { return executionCompleted_; }
    void executionCompletedIs( bool completed ) { executionCompleted_ = completed; }
 
@@ -124,6 +127,7 @@ class AsyncCommandRequestSm : public RefCounted {
    const Ptr<CliSocket> socket_;
    std::optional<Clock::TimePoint> sliceStart_; // none between slices
    bool sliceAsked_ = false;
+   std::string refusal_;
    bool deferred_ = false;
    bool executionCompleted_ = false;
 };
@@ -155,6 +159,8 @@ class CommandRun : public RefCounted {
    bool finished() const;
    /// Finished before its end: the reader has gone, or the agent has.
    bool interrupted() const { return interrupted_; }
+   /// Finished with nothing printed, for this reason.
+   const std::string & refusal() const { return refusal_; }
    /// Bytes that wait for the reader. step() does nothing while the socket takes none of them.
    std::size_t pending() const { return socket_->pending(); }
 
@@ -166,6 +172,7 @@ class CommandRun : public RefCounted {
    Ptr<AsyncCommandRequestSm> sm_; // empty: done
    const Ptr<CliSocket> socket_;
    bool interrupted_ = false;
+   std::string refusal_;
 };
 
 /// The commands of an agent, and where a host runs them.
@@ -173,11 +180,10 @@ class CommandRequestDirectory : public RefCounted {
  public:
    ~CommandRequestDirectory() override;
 
-   // One of each kind, which replaces the one before; null: none.
+   /// Replaces the one of the same name.
    void commandCallbackIs( Ptr<AgentCommandCallback> callback );
-   void commandCallbackWithFormatIs( Ptr<AgentCommandCallbackWithFormat> callback );
 
-   std::vector<CommandInfo> commands() const;
+   std::vector<CommandInfo> commands() const; // sorted
 
    /// Begins `command`, with its arguments, for the reader of `socket` (see CliSocket). `format`: a
    /// CliFormat. Commands of few words are done at once; the run of a long one waits for its first step.
@@ -187,11 +193,8 @@ class CommandRequestDirectory : public RefCounted {
  private:
    friend class AgentCommandCallback;
    void callbackDel( AgentCommandCallback & callback );
-   template<class Callback>
-   void replace( Ptr<Callback> & place, Ptr<Callback> callback );
 
-   Ptr<AgentCommandCallback> callback_;
-   Ptr<AgentCommandCallbackWithFormat> callbackWithFormat_;
+   std::vector<Ptr<AgentCommandCallback>> callbacks_;
    std::uint64_t requests_ = 0; // so far
 };
 

@@ -4,7 +4,7 @@
 dependencies_build=(
    g++ cmake ninja-build ccache pkg-config git ca-certificates
    libevent-dev libfmt-dev libspdlog-dev libyaml-cpp-dev nlohmann-json3-dev libcli11-dev
-   libcurl4-openssl-dev libssl-dev libhttp-parser-dev libconcurrentqueue-dev
+   libcurl4-openssl-dev libssl-dev libhttp-parser-dev libconcurrentqueue-dev libedit-dev
    libgtest-dev libgmock-dev libbenchmark-dev
 )
 dependencies_demo=( nginx-light openssl python3 procps iproute2 )

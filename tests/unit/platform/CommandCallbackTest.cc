@@ -27,6 +27,10 @@ class Numbers final : public AsyncCommandRequestSm {
    void handleAsyncCommand( unsigned socket, unsigned format ) override {
       ++slices_;
       CliPrinter printer( socket, format );
+      if ( count_ == 0 ) {
+         refusedIs( "there are no numbers" );
+         return;
+      }
       while ( next_ < count_ ) {
          if ( shouldYield() ) {
             return;
@@ -88,7 +92,7 @@ class CommandTest : public testing::Test {
  protected:
    CommandTest() {
       directory_->commandCallbackIs( clearer_ );
-      directory_->commandCallbackWithFormatIs( shower_ );
+      directory_->commandCallbackIs( shower_ );
    }
    Ptr<CommandRun> run( const std::string & command ) {
       return directory_->run( command, reader_.socket(), text );
@@ -131,7 +135,7 @@ TEST_F( CommandTest, FindsWhoAnswersAndSaysWhatThereIs ) {
    for ( const auto & info : directory_->commands() ) {
       commands += info.command + "|";
    }
-   EXPECT_EQ( commands, "show greeting|show numbers|clear numbers|" );
+   EXPECT_EQ( commands, "clear numbers|show greeting|show numbers|" );
    EXPECT_TRUE( reader_.read().empty() );
 }
 
@@ -162,6 +166,16 @@ TEST_F( CommandTest, ASlowReaderMakesTheRequestWaitAndTheBufferStaysSmall ) {
    EXPECT_EQ( all.substr( all.size() - 5 ), "9999\n" );
    EXPECT_LE( mostPending_, AsyncCommandRequestSm::pendingHighWater + 1'000 );
    EXPECT_FALSE( numbers->interrupted() );
+}
+
+TEST_F( CommandTest, MayBeRefused ) {
+   shower_->count = 0;
+   const auto numbers = run( "show numbers" );
+   numbers->step();
+   EXPECT_TRUE( numbers->finished() );
+   EXPECT_FALSE( numbers->interrupted() );
+   EXPECT_EQ( numbers->refusal(), "there are no numbers" );
+   EXPECT_TRUE( reader_.read().empty() );
 }
 
 TEST_F( CommandTest, EndsWithItsReader ) {
