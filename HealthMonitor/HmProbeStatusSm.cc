@@ -3,6 +3,8 @@
 #include "HealthMonitor/HmQueueRecords.h"
 #include "HealthMonitor/HmUtils.h"
 
+#include <netchasm/HMTimeStamp.h>
+
 namespace hm {
 
 namespace {
@@ -77,6 +79,7 @@ void ProbeStatusSm::processProbeResult() {
          publishProbeCounters( result->hostName, result->response, result->numChecks, result->numResponses,
                result->numConnectFailures, result->numFailures, result->numTimeouts, result->lastResponseTime,
                result->lastCheckTime );
+         noteReason( result->hostName, result->reason );
       }
       ++processed;
       if ( task_->taskShouldYield() ) {
@@ -125,9 +128,13 @@ void ProbeStatusSm::maybePublishProbeStatus( const std::string & hostName, std::
    const bool shutdown = httpAdminState != AdminState::enabled || tcpAdminState != AdminState::enabled;
    // Whoever watches the entry sees the three change as one.
    const EntityUpdate update( *published );
+   const auto before = std::pair( published->operState(), published->adminState() );
    published->operStateIs( up ? OperState::up : OperState::down );
    published->adminStateIs( shutdown ? AdminState::shutdown : AdminState::enabled );
    published->weightIs( static_cast<std::uint16_t>( weight ) );
+   if ( before != std::pair( published->operState(), published->adminState() ) ) {
+      published->sinceIs( HMTimeStamp::now().getTimeSinceEpoch() );
+   }
 }
 
 void ProbeStatusSm::publishProbeCounters( const std::string & hostName, std::uint8_t response,
@@ -163,6 +170,17 @@ void ProbeStatusSm::publishProbeCounters( const std::string & hostName, std::uin
    const std::uint64_t untilNextMs =
          response == responseAnswered ? std::uint64_t{ hmCommonData_->probeInterval() } * 1000 : 0;
    probeTypeCounters->nextCheckTimeIs( lastCheckTime + untilNextMs );
+}
+
+void ProbeStatusSm::noteReason( const std::string & hostName, std::uint8_t reason ) {
+   if ( reason == reasonNoVerdict ) {
+      return; // the state stands, and so does why
+   }
+   const auto server = ipNhgPair( hostName );
+   const auto group = hmCommonData_->probeCounters( server.nhgName );
+   if ( const auto counters = group ? group->serverIp( server.ip ) : nullptr ) {
+      counters->probeTypeCounters( probeTypeFromHostName( hostName ) )->lastReasonIs( reason );
+   }
 }
 
 IpNhgPair ProbeStatusSm::ipNhgPair( const std::string & hostName ) const {

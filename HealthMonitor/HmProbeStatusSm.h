@@ -44,6 +44,7 @@ class ProbeStatusSm final : public Reactor {
  private:
    void handleProbeResult();
    void processProbeResult();
+   void noteReason( const std::string & hostName, std::uint8_t reason ); // of the last verdict, for people
 
    IpNhgPair ipNhgPair( const std::string & hostName ) const; // empty when the name is not known (any more)
    Ptr<HmState::ProbeStatus> publishedStatus( const IpNhgPair & server ) const; // empty: none
