@@ -125,11 +125,6 @@ class Agent:
                 self.process.wait()
 
 
-def resident_kib(pid):
-    with open(f"/proc/{pid}/status", encoding="ascii") as status:
-        return next(int(line.split()[1]) for line in status if line.startswith("VmRSS:"))
-
-
 def show(agent, row):
     """What printing everything costs: to a reader that takes it at once, and to one that takes 10 KiB a second."""
     held = agent.status()["longestHoldUs"]
@@ -138,13 +133,13 @@ def show(agent, row):
     text = subprocess.run(command, check=True, capture_output=True).stdout
     row("show health-monitor counters, as JSON", f"{time.monotonic() - begin:.2f} s, {len(text) / 1024:.0f} KiB")
     json.loads(text)
-    before = most = resident_kib(agent.process.pid)
+    before = most = measure.memory_kib(agent.process.pid, "VmRSS")
     reader = subprocess.Popen(command, stdout=subprocess.PIPE, bufsize=0)
     try:
         for _ in range(SLOW_SECONDS):
             reader.stdout.read(10 * 1024)
             time.sleep(1)
-            most = max(most, resident_kib(agent.process.pid))
+            most = max(most, measure.memory_kib(agent.process.pid, "VmRSS"))
     finally:
         reader.kill()
         reader.wait()
