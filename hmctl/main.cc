@@ -1,5 +1,6 @@
 #include "hmctl/Client.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -18,10 +19,17 @@ enum ExitCode { done = 0, refused = 1, wrongUsage = 2, noHost = 3 };
 // More than the host accepts: it is the one who says what is too large.
 constexpr std::size_t maxFileBytes = 32u << 20;
 
+// A name as it may be printed and sent: one line of UTF-8, whatever bytes it has.
+std::string shown( std::string name ) {
+   std::ranges::replace_if(
+         name, []( unsigned char c ) { return c < 0x20 || c == 0x7f; }, '?' );
+   return Json::parse( Json( name ).dump( -1, ' ', false, Json::error_handler_t::replace ) );
+}
+
 std::string fileRead( const std::string & path ) {
    const int fd = path == "-" ? STDIN_FILENO : open( path.c_str(), O_RDONLY | O_CLOEXEC );
    if ( fd < 0 ) {
-      throw hmctl::Refused( path + ": " + std::strerror( errno ) );
+      throw hmctl::Refused( shown( path ) + ": " + std::strerror( errno ) );
    }
    std::string text;
    std::array<char, 64 * 1024> buffer;
@@ -33,7 +41,7 @@ std::string fileRead( const std::string & path ) {
          continue;
       }
       if ( size < 0 ) {
-         throw hmctl::Refused( path + ": " + std::strerror( errno ) );
+         throw hmctl::Refused( shown( path ) + ": " + std::strerror( errno ) );
       }
       text.append( buffer.data(), static_cast<std::size_t>( size ) );
    }
@@ -107,7 +115,7 @@ int main( int argc, char ** argv ) {
       if ( *apply ) {
          const auto document = fileRead( file );
          hmctl::Client( socketPath )
-               .request( { { "command", "apply" }, { "file", file == "-" ? "standard input" : file },
+               .request( { { "command", "apply" }, { "file", file == "-" ? "standard input" : shown( file ) },
                                { "check", check }, { "documentBytes", document.size() } },
                      document, printText );
       } else if ( *get ) {

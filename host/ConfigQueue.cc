@@ -2,6 +2,7 @@
 
 #include "platform/EventLoopThread.h"
 
+#include <algorithm>
 #include <atomic>
 #include <utility>
 
@@ -82,7 +83,13 @@ void ConfigQueue::submit( ChangeRequest request, Done done ) {
    job->request = std::move( request );
    job->done = std::move( done );
    waiting_.push_back( job );
-   checkThread_->push( job );
+   handOut();
+}
+
+void ConfigQueue::handOut() {
+   while ( handedOut_ < std::min( waiting_.size(), maxChecked ) ) {
+      checkThread_->push( waiting_[handedOut_++] );
+   }
 }
 
 void ConfigQueue::checked() {
@@ -120,7 +127,9 @@ void ConfigQueue::finish( const ChangeOutcome & outcome ) {
    crossCheck_ = nullptr;
    applier_ = nullptr;
    waiting_.pop_front();
+   --handedOut_;
    checkThread_->push( std::exchange( job->change, nullptr ) );
+   handOut();
    // Taken out: the checker thread may be the last to let go of the job, and what `done` holds is this
    // thread's.
    const auto done = std::exchange( job->done, {} );

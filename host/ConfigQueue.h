@@ -44,6 +44,11 @@ class ConfigQueue : public platform::RefCounted {
  private:
    class CheckThread;
    struct Job;
+   // At most so many are checked, or wait checked, at a time: a small document may unfold into a large
+   // change.
+   static constexpr std::size_t maxChecked = 2;
+
+   void handOut();
    void checked();
    void slice();
    void finish( const ChangeOutcome & outcome );
@@ -53,6 +58,7 @@ class ConfigQueue : public platform::RefCounted {
    platform::Ptr<CheckThread> checkThread_;
    platform::Ptr<platform::Task> task_;
    std::deque<platform::Ptr<Job>> waiting_; // in the order of submission; the front is applied
+   std::size_t handedOut_ = 0;              // of them, to the checker thread
    std::unique_ptr<CrossCheck> crossCheck_; // of the front, once it is checked by itself
    std::unique_ptr<Applier> applier_;       // of the front, once it is checked against the state
 };

@@ -141,14 +141,19 @@ void get( ControlClient & client, const Json & json, ControlRequest & request ) 
    }
    services.statusRefresh();
    std::vector<StateWriter::Section> sections;
+   bool aboveRoots = false;
    for ( const auto & root : services.schema->roots() ) {
-      if ( pathIsAtOrBelow( root.path, path ) && ( root.outsideWrites || !configurationOnly ) ) {
+      if ( !pathIsAtOrBelow( root.path, path ) ) {
+         continue;
+      }
+      aboveRoots = true;
+      if ( root.outsideWrites || !configurationOnly ) {
          SchemaPlace place{ root.path };
          place.type = root.type;
          sections.push_back( { place, services.entityManager->entity( root.path ) } );
       }
    }
-   if ( sections.empty() ) {
+   if ( !aboveRoots ) {
       SchemaPlace place;
       if ( const auto refusal = services.schema->resolve( path, place ) ) {
          throw BadRequest{ *refusal };
@@ -163,6 +168,9 @@ void get( ControlClient & client, const Json & json, ControlRequest & request ) 
       if ( place.outsideWrites || !configurationOnly ) {
          sections.push_back( { place, entity } );
       }
+   }
+   if ( sections.empty() ) {
+      throw BadRequest{ path + ": holds no configuration" };
    }
    request.answer = std::make_unique<GetAnswer>(
          format == "json" ? StateWriter::Format::json : StateWriter::Format::yaml, std::move( sections ) );

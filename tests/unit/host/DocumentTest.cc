@@ -2,6 +2,8 @@
 
 #include "platform/state/Profile.h"
 
+#include <algorithm>
+
 #include <gmock/gmock.h>
 
 #include <fmt/format.h>
@@ -153,9 +155,24 @@ TEST( Document, CountsWhatAliasesUnfoldInto ) {
       text += fmt::format( "    h{}: *g\n", i );
    }
    EXPECT_THAT( errorsOf( text ).at( 0 ), HasSubstr( "aliases followed" ) );
+
+   // A long text behind many aliases counts by its bytes.
+   auto texts = probe + ":\n  nhgProbeConfig:\n    g: &g { sslProfile: " + std::string( 4000, 'x' ) + " }\n";
+   for ( int i = 0; i < 10'000; ++i ) {
+      texts += fmt::format( "    h{}: *g\n", i );
+   }
+   EXPECT_THAT( errorsOf( texts ).at( 0 ), HasSubstr( "bytes of text, aliases followed" ) );
+
+   // Unfolding ends when it is cancelled, too.
+   ChangeRequest request;
+   request.text = few;
+   int asked = 0;
+   const auto change = checkChange( testSchema(), request, [&] { return ++asked > 4; } );
+   EXPECT_THAT( change->errors.at( 0 ), HasSubstr( "cancelled" ) );
+   EXPECT_EQ( asked, 5 );
 }
 
-// Whatever bytes come in, the answer is a list of errors or sections, never the end of the process.
+// Whatever bytes come in, the answer is errors of one line each, or something to do.
 TEST( Document, SurvivesMutations ) {
    const std::string good =
          servers + ":\n  nhgConfig:\n    web: &a { serverIp: [ 10.1.1.1, \"::1\" ] } # c\n" + probe +
@@ -178,7 +195,14 @@ TEST( Document, SurvivesMutations ) {
             text.resize( at + 1 );
          }
       }
-      errorsOf( text );
+      ChangeRequest request;
+      request.source = "f.yaml";
+      request.text = text;
+      const auto change = checkChange( testSchema(), request );
+      ASSERT_NE( change->errors.empty(), change->sections.empty() ) << text;
+      for ( const auto & error : change->errors ) {
+         ASSERT_TRUE( std::ranges::none_of( error, []( unsigned char c ) { return c < 0x20; } ) ) << error;
+      }
    }
 }
 
@@ -216,6 +240,10 @@ TEST( SingleChange, IsCheckedAsDocumentsAre ) {
                "ip6/status/intf: key \"Lo%2\": is not escaped well" },
          { set( "ip6/status/intf/Lo", "addr", "::1/129" ),
                "ip6/status/intf/Lo: addr: \"::1/129\": expected an IP address, \"/\" and a prefix length" },
+         { set( "ip/status/ipIntfStatus/%FF", "ipAddr", "" ),
+               "ip/status/ipIntfStatus: key \"%FF\": is not UTF-8 text" },
+         { set( ( servers + "/nhgConfig/" + std::string( 256, 'x' ) ).c_str(), "serverIp", "::1" ),
+               servers + "/nhgConfig: key \"" + std::string( 255, 'x' ) + "...\": is longer than 255 bytes" },
          { del( probe.c_str(), "x" ), probe + ": names neither a collection nor a set" },
          { del( ( probe + "/pingDisabledVip" ).c_str(), "" ), probe + "/pingDisabledVip: \"\": is empty" },
    };
