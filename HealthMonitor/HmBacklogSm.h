@@ -82,12 +82,11 @@ class BacklogSm : public Reactor {
    bool evaluateSslProfile( const std::string & name );            // into the two working paths
    bool evaluateGlobalSslProfile();                                // into CommonData
    bool evaluateNhgSslProfile( const NexthopGroupName & nhgName ); // into the group's NhgSslParams
-   const std::string & caFilePath() const { return caFilePath_; }
-   const std::string & certFilePath() const { return certFilePath_; }
 
    /// Under which host address each server of a host group is published to the engine.
    HM_MAP( HostGroupKey, Ptr<ServerCfg>, currNhgServerCfg )
 
+ private:
    void handleInitialized();
 
    // One backlog each. True: done; false: the task is to be run again.

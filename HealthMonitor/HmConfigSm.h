@@ -40,14 +40,11 @@ class ConfigSm : public Reactor {
    const Ptr<const HmState::ProbeConfig> & probeConfig() const { return probeConfig_; }
    const Ptr<const HmState::ServerConfig> & serverConfig() const { return serverConfig_; }
    const Ptr<HmState::ServerStatus> & serverStatus() const { return serverStatus_; }
-   const Ptr<const Mgmt::Security::Ssl::Status> & mgmtSslStatus() const { return mgmtSslStatus_; }
-   const Ptr<TaskScheduler> & scheduler() const { return scheduler_; }
    const Ptr<CommonData> & commonData() const { return commonData_; }
    const Ptr<EventMpmcQueue> & cmdQueue() const { return cmdQueue_; }
    const Ptr<BacklogInfo> & backlogInfo() const { return backlogInfo_; }
    const Ptr<NetCHASMInfo> & netChasmInfo() const { return netChasmInfo_; }
    const Ptr<Task> & backlogTask() const { return backlogTask_; }
-   const Ptr<TimerTask> & netChasmInfoTask() const { return netChasmInfoTask_; }
    const Ptr<BacklogSm> & backlogSm() const { return backlogSm_; }
    const Ptr<NetCHASMInfoSm> & netChasmInfoSm() const { return netChasmInfoSm_; }
    bool initialized() const { return initialized_; }
