@@ -204,6 +204,27 @@ AddressFamily BacklogSm::nhgAddressFamily( const NexthopGroupName & nhgName ) co
    return AddressFamily::none;
 }
 
+std::string BacklogSm::nhgSourceAddress( const NexthopGroupName & nhgName ) const {
+   switch ( nhgAddressFamily( nhgName ) ) {
+   case AddressFamily::none:
+      break;
+   case AddressFamily::ipv4:
+      return serverStatus_->probeSrcIp().text();
+   case AddressFamily::ipv6:
+      return serverStatus_->probeSrcIp6().text();
+   }
+   return {};
+}
+
+bool BacklogSm::sourceAddressOutdated( const NexthopGroupName & nhgName ) const {
+   const auto outdated = [&]( ProbeType probeType ) {
+      const auto group =
+            netChasmInfo_->hostConfig()->hostGrpCfg( hostGroupNameFromNhgAndProbeType( nhgName, probeType ) );
+      return group && group->sourceAddress() != nhgSourceAddress( nhgName );
+   };
+   return outdated( ProbeType::http ) || outdated( ProbeType::tcp );
+}
+
 void BacklogSm::updateNhgLocalAttrs(
       const NexthopGroupName & nhgName, ProbeType probeType, bool noPeerCheck ) {
    Seconds interval = probeConfig_->probeInterval();
@@ -230,17 +251,7 @@ void BacklogSm::updateNhgLocalAttrs(
       return;
    }
    group->ttlIs( milliseconds( interval ) );
-   switch ( nhgAddressFamily( nhgName ) ) {
-   case AddressFamily::none:
-      group->sourceAddressIs( "" );
-      break;
-   case AddressFamily::ipv4:
-      group->sourceAddressIs( serverStatus_->probeSrcIp().text() );
-      break;
-   case AddressFamily::ipv6:
-      group->sourceAddressIs( serverStatus_->probeSrcIp6().text() );
-      break;
-   }
+   group->sourceAddressIs( nhgSourceAddress( nhgName ) );
    group->timeoutIs( milliseconds( Seconds( timeout ) ) );
    group->checkRetryDelayIs( milliseconds( Seconds( retryDelay ) ) );
    group->checkRetriesIs( retryCount );

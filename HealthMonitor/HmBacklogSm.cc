@@ -130,10 +130,7 @@ bool BacklogSm::processNhgServerBacklog() {
       } else {
          processNhgServerDelete( nhgName, ProbeType::http, serverIp, serverIp, {} );
          processNhgServerDelete( nhgName, ProbeType::tcp, serverIp, serverIp, {} );
-         // A group of both families that loses its last IPv4 server is an IPv6 group, with another source
-         // address.
-         const auto family = nhgAddressFamily( nhgName );
-         if ( family != AddressFamily::none && family != serverIp.family() ) {
+         if ( sourceAddressOutdated( nhgName ) ) {
             backlogInfo_->nhgLocalAttrsBacklogIs( nhgName );
          }
       }

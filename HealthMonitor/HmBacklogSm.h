@@ -104,6 +104,9 @@ class BacklogSm : public Reactor {
    void populateUpdateCmdInfo( const NexthopGroupName & nhgName, ProbeType probeType,
          const IpGenAddr & serverIp, const IpGenAddr & hostIp, bool add );
    AddressFamily nhgAddressFamily( const NexthopGroupName & nhgName ) const;
+   std::string nhgSourceAddress( const NexthopGroupName & nhgName ) const; // empty: none
+   /// A group of both families that loses its last IPv4 server is an IPv6 group, with another source address.
+   bool sourceAddressOutdated( const NexthopGroupName & nhgName ) const;
 
    // Constant after construction.
    const Ptr<const HmState::ProbeConfig> probeConfig_;

@@ -140,7 +140,13 @@ TEST_F( Backlog, GroupThatLosesItsLastIpv4ServerTakesTheIpv6SourceAddress ) {
    serverStatus->probeSrcIp6Is( ip( "2001:db8::1" ) );
    web( "web", { "10.1.1.1", "2001:db8::2" } );
    runUntilIdle();
+   nhg( "web" )->serverIpIs( ip( "2001:db8::3" ) );
+   runUntilIdle();
    EXPECT_EQ( group( "web-http" )->sourceAddress(), "10.0.0.1" );
+   nhg( "web" )->serverIpDel( ip( "2001:db8::3" ) );
+   scheduler->sliceBudgetIs( Clock::Duration{ 0 } );
+   scheduler->runSlice();
+   EXPECT_EQ( backlog().nhgLocalAttrsBacklogCount(), 0u ) << "its family stays";
    nhg( "web" )->serverIpDel( ip( "10.1.1.1" ) );
    runUntilIdle();
    EXPECT_EQ( group( "web-http" )->sourceAddress(), "2001:db8::1" );
