@@ -257,21 +257,5 @@ TEST_F( NiceValue, IsBroughtToTheConfiguredOneByTheDifference ) {
    EXPECT_THAT( calls, testing::ElementsAre( 0, 0, 11, 0, -30 ) );
 }
 
-TEST_F( Monitoring, StateThatIsMissingWhereItMustBeStopsTheProcess ) {
-   web( "web", { "10.1.1.1" } );
-   startMonitoring();
-   const auto server = ip( "10.1.1.1" );
-   EXPECT_DEATH( configSm->deleteProbeStatus( "x", server ), "nhgProbeStatus missing for x" );
-   EXPECT_DEATH(
-         configSm->deleteProbeStatus( "web", ip( "10.1.1.2" ) ), "probeStatus missing for 10.1.1.2 in web" );
-   EXPECT_DEATH( configSm->deleteProbeCounter( "x", server ), "probeCounters missing for x" );
-   commonData->tcpProbeStatusDel( "web" );
-   EXPECT_DEATH( configSm->deleteProbeStatus( "web", server ), "TCP probe status cache missing for web" );
-   commonData->probeCounters( "web" )->serverIp( server )->probeTypeCountersDel( ProbeType::tcp );
-   EXPECT_DEATH(
-         configSm->deleteProbeCounter( "web", server ), "tcp probeCounters missing for 10.1.1.1 in web" );
-   EXPECT_DEATH( commonData->configPhaseIs( static_cast<ConfigPhase>( 7 ) ), "invalid phase 7" );
-}
-
 } // namespace
 } // namespace hm::test

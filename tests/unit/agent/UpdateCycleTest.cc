@@ -346,6 +346,20 @@ TEST_F( UpdateCycleDeathTest, BrokenInvariantsStopTheProcess ) {
          "serverMark: mark missing for server 10.1.1.1" );
    EXPECT_DEATH(
          {
+            update( "b", "10.1.1.1", 1, false );
+            update( "c", "10.1.1.1", 1, false );
+            scheduler_->sliceBudgetIs( {} );
+            beginCycle();
+            while ( model_->updateCmdInfoCount() == 2 ) {
+               scheduler_->runSlice();
+            }
+            update( "a", "10.1.1.1", 1, false ); // before the place that the pass has reached
+            runSlices();
+         },
+         "netchasmInfo\\(\\)->updateCmdInfos\\(\\) == 0: dnsAndMark commands not generated for all the "
+         "servers" );
+   EXPECT_DEATH(
+         {
             exhaustDescriptors();
             cycle();
          },
