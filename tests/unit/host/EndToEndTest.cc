@@ -235,12 +235,15 @@ TEST_F( Programs, ReadTheStartupFileAgainOnHangup ) {
    EXPECT_TRUE( waitUntil( [&] { return ctl( { "get", interval } ).output == interval + ": 9\n"; } ) );
 }
 
-TEST_F( Programs, SurviveHangupsToTheirLastMoment ) {
+TEST_F( Programs, IgnoreAHangupWhileTheyAreTornDown ) {
+   const auto gate = directory + "/gate";
+   setenv( "HM_TEST_GATE", gate.c_str(), 1 );
    hostStart( { "--config", file( "start.yaml", oneServer ) } );
+   unsetenv( "HM_TEST_GATE" );
    host->signal( SIGTERM );
-   while ( host->running() ) {
-      host->signal( SIGHUP );
-   }
+   ASSERT_TRUE( waitUntil( [&] { return std::filesystem::exists( gate ); } ) );
+   host->signal( SIGHUP );
+   std::filesystem::remove( gate );
    EXPECT_EQ( host->wait().status, 0 );
 }
 
