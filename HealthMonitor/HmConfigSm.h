@@ -21,7 +21,7 @@ namespace hm {
 /// Owned by the agent; main thread only. Made with notifications off.
 ///
 /// Sources: HmConfigSm.cc global configuration and phases, HmNhgMonitoring.cc the operations a group,
-/// HmConfigReactors.cc the nested reactors.
+/// HmConfigReactors.cc the nested reactors, HmConfigSummary.cc the report on it all.
 class ConfigSm : public Reactor {
  public:
    /// As nice(2): adds to the nice value of the process, returns the new one, tells errors by errno only.
@@ -63,6 +63,10 @@ class ConfigSm : public Reactor {
    /// The one way to ask for backlog processing. Does nothing while the update cycle has the word; at its end
    /// handlePhase() asks again.
    void maybeScheduleBacklogTask();
+
+   /// What is configured globally and how far it has been brought to the engine, to `socket` in `format` as
+   /// CliPrinter takes them.
+   void showSummary( unsigned socket, unsigned format ) const;
 
    // Operations on one nexthop group.
    bool nhgMonitoringEnabled( const NexthopGroupName & nhgName ) const; // false: the group is disabled

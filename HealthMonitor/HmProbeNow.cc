@@ -11,7 +11,7 @@ namespace hm {
 
 namespace {
 
-constexpr Seconds maxRunTime{ 0.1 };
+constexpr Seconds sliceTime{ 0.1 };
 /// Of a body that is shown.
 constexpr std::size_t shownBodyBytes = 64;
 
@@ -30,7 +30,7 @@ const char * actionWord( std::uint8_t action ) {
 
 ProbeNowSm::ProbeNowSm(
       const Ptr<const AgentCommandRequest> & request, HmAgent * agent, std::string_view arguments )
-      : AsyncCommandRequestSm( request->name(), request, maxRunTime, *agent->context().clock ),
+      : AsyncCommandRequestSm( request->name(), request, sliceTime, *agent->context().clock ),
         hmAgent_( agent ),
         printer_( request->socket(), request->format() ) {
    // The name of a group may hold blanks, an address does not.

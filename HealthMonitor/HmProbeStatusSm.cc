@@ -1,5 +1,6 @@
 #include "HealthMonitor/HmProbeStatusSm.h"
 
+#include "HealthMonitor/HmCheckReason.h"
 #include "HealthMonitor/HmQueueRecords.h"
 #include "HealthMonitor/HmUtils.h"
 
@@ -74,12 +75,7 @@ void ProbeStatusSm::processProbeResult() {
       if ( !hmCommonData_->hostNameToIpNhgPairHas( result->hostName ) ) {
          HM_TRACE( 4, "hostName {} missing in hostNameToIpNhgPair", result->hostName );
       } else {
-         maybePublishProbeStatus( result->hostName, result->response, result->responseCode,
-               result->responsePayload, result->reason, result->weight );
-         publishProbeCounters( result->hostName, result->response, result->numChecks, result->numResponses,
-               result->numConnectFailures, result->numFailures, result->numTimeouts, result->lastResponseTime,
-               result->lastCheckTime );
-         noteReason( result->hostName, result->reason );
+         handleResult( *result );
       }
       ++processed;
       if ( task_->taskShouldYield() ) {
@@ -91,6 +87,38 @@ void ProbeStatusSm::processProbeResult() {
    task_->taskWorkCountInc( processed );
    if ( !done ) {
       task_->scheduleTask();
+   }
+}
+
+void ProbeStatusSm::handleResult( const ProbeResult & result ) {
+   constexpr int level = 4;
+   const auto server = ipNhgPair( result.hostName );
+   const auto group = hmServerStatus_->nhgProbeStatus( server.nhgName );
+   const auto published =
+         group && traceFacility().levelEnabled( level ) ? group->serverProbeStatus( server.ip ) : nullptr;
+   const auto stateText = [&published] {
+      return published ? fmt::format( "{} {}", ValueTraits<AdminState>::toText( published->adminState() ),
+                               ValueTraits<OperState>::toText( published->operState() ) )
+                       : std::string{};
+   };
+   const auto oldState = stateText();
+   maybePublishProbeStatus( result.hostName, result.response, result.responseCode, result.responsePayload,
+         result.reason, result.weight );
+   publishProbeCounters( result.hostName, result.response, result.numChecks, result.numResponses,
+         result.numConnectFailures, result.numFailures, result.numTimeouts, result.lastResponseTime,
+         result.lastCheckTime );
+   noteReason( result.hostName, result.reason );
+   if ( const auto newState = stateText(); newState != oldState ) {
+      const auto probeType = probeTypeFromHostName( result.hostName );
+      const auto cached = getServerProbeStatus( server.nhgName, server.ip, probeType );
+      const bool ruled =
+            result.response == responseAnswered &&
+            ( cached->adminState() != AdminState::enabled || cached->operState() != OperState::up );
+      HM_TRACE( level,
+            "NHG: {}, server: {}, old state: {}, new state: {}, reason: {} check: {}{}, checks: {}",
+            server.nhgName, server.ip, oldState, newState, probeType,
+            checkReasonText( result.response, result.responseCode, result.reason ),
+            ruled ? ", matches a response rule" : "", result.numChecks );
    }
 }
 

@@ -14,7 +14,7 @@ namespace hm {
 
 namespace {
 
-constexpr Seconds maxRunTime{ 0.1 };
+constexpr Seconds sliceTime{ 0.1 };
 
 const char * stateWord( HmState::ServerAdminState admin, HmState::ServerOperState oper ) {
    return admin != HmState::ServerAdminState::enabled ? "shutdown"
@@ -35,7 +35,7 @@ std::string timeText( std::uint64_t msSinceEpoch ) {
 
 StatusTableSm::StatusTableSm(
       const Ptr<const AgentCommandRequest> & request, HmAgent * agent, NexthopGroupName nhgName )
-      : AsyncCommandRequestSm( request->name(), request, maxRunTime, *agent->context().clock ),
+      : AsyncCommandRequestSm( request->name(), request, sliceTime, *agent->context().clock ),
         hmAgent_( agent ),
         only_( std::move( nhgName ) ),
         printer_( request->socket(), request->format() ) {

@@ -186,7 +186,7 @@ class KeyedAttribute : public AttributeInfo, public Base {
    // The key that toText() wrote. It is not checked: what the process itself put into a map may be longer
    // than what comes from outside, or no UTF-8, and is found all the same.
    static std::optional<Key> readBack( std::string_view text ) {
-      if constexpr ( std::is_constructible_v<Key, std::string> ) {
+      if constexpr ( std::is_constructible_v<Key, std::string> && !std::is_aggregate_v<Key> ) {
          return Key( std::string( text ) );
       } else {
          Key key{};
