@@ -239,25 +239,4 @@ TEST_F( Written, JsonIsValidWhateverNamesHold ) {
    EXPECT_TRUE( content["pingDisabledVip"].is_array() );
 }
 
-TEST_F( Written, GoesOnWhenEntriesGoBetweenTwoPieces ) {
-   for ( int i = 10; i < 20; ++i ) {
-      probeConfig()->nhgProbeConfigIs( "g" + std::to_string( i ) );
-   }
-   SchemaPlace place;
-   ASSERT_FALSE( schema->resolve( "healthMonitor/config/probeConfig/nhgProbeConfig", place ) );
-   StateWriter writer( StateWriter::Format::json, { { place, probeConfig() } } );
-   std::string text;
-   while ( writer.write( text ) ) {
-      if ( text.find( "g12" ) != text.npos ) {
-         for ( int i = 10; i < 15; ++i ) {
-            probeConfig()->nhgProbeConfigDel( "g" + std::to_string( i ) );
-         }
-      }
-   }
-   const auto json = nlohmann::json::parse( text ).front();
-   EXPECT_TRUE( json.contains( "g12" ) );
-   EXPECT_FALSE( json.contains( "g13" ) );
-   EXPECT_TRUE( json.contains( "g15" ) );
-}
-
 } // namespace host
