@@ -79,12 +79,14 @@ void ShowAsyncCommandRequestBaseSm::slice( unsigned socket, unsigned format, con
 template<class Groups>
 void ShowAsyncCommandRequestBaseSm::headerPrint(
       unsigned socket, unsigned format, const Table & table, const Groups & groups ) {
-   std::size_t width = nhgHeading.size();
-   for ( const auto & item : groups ) {
-      width = std::max( width, nhgColumn( item.key ).size() );
-   }
-   nhgMaxWidth_ = static_cast<std::uint8_t>( std::min<std::size_t>( width, 255 ) );
    printer_.emplace( socket, format );
+   if ( !printer_->json() ) {
+      std::size_t width = nhgHeading.size();
+      for ( const auto & item : groups ) {
+         width = std::max( width, nhgColumn( item.key ).size() );
+      }
+      nhgMaxWidth_ = static_cast<std::uint8_t>( std::min<std::size_t>( width, 255 ) );
+   }
    printer_->start();
    printer_->dictStart( table.key );
    printer_->frill( "%-*s %s", nhgMaxWidth(), nhgHeading.data(), table.columns );

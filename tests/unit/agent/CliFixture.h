@@ -22,7 +22,6 @@ class CliFixture : public testing::Test {
    CliFixture() {
       RecordingEngine::reset();
       entities_->profileIs( healthMonitorProfile() );
-      environment_["FLASHLOG_DISABLE"] = "1";
       agent_->contextIs( { loop_, entities_, scheduler_, &clock_, [this]( const char * name ) {
                              const auto found = environment_.find( name );
                              return found == environment_.end() ? nullptr : found->second.c_str();
@@ -112,7 +111,7 @@ class CliFixture : public testing::Test {
    const Ptr<EventLoop> loop_ = new EventLoop( clock_ );
    const Ptr<TaskScheduler> scheduler_ = new TaskScheduler( loop_, clock_ );
    const Ptr<EntityManager> entities_ = new EntityManager;
-   std::map<std::string, std::string> environment_;
+   std::map<std::string, std::string> environment_{ { "FLASHLOG_DISABLE", "1" } };
    Ptr<HmAgent> agent_ = new HmAgent( "HmTest" );
    Ptr<HmState::ProbeConfig> probeConfig_;
    Ptr<HmState::ServerConfig> serverConfig_;
