@@ -1,8 +1,11 @@
 #include "hmctl/Client.h"
 
+#include "hmctl/Interrupts.h"
+
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -33,13 +36,19 @@ Client::~Client() {
 bool Client::send( const std::string & bytes ) {
    std::size_t sent = 0;
    while ( sent < bytes.size() ) {
-      const auto size = ::send( fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL );
-      if ( size < 0 && errno != EINTR ) {
+      waitFor( fd_, POLLOUT );
+      const auto size = ::send( fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT );
+      if ( size < 0 && errno != EINTR && errno != EAGAIN ) {
          return false;
       }
       sent += size > 0 ? static_cast<std::size_t>( size ) : 0;
    }
    return true;
+}
+
+bool Client::alive() const {
+   char byte = 0;
+   return recv( fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT ) < 0 && errno == EAGAIN && input_.empty();
 }
 
 std::string Client::lineRead() {
@@ -51,6 +60,7 @@ std::string Client::lineRead() {
          return line;
       }
       scanned_ = input_.size();
+      waitFor( fd_, POLLIN );
       std::array<char, 64 * 1024> buffer;
       const auto size = recv( fd_, buffer.data(), buffer.size(), 0 );
       if ( size > 0 ) {

@@ -18,7 +18,9 @@ struct Refused : std::runtime_error {
    using std::runtime_error::runtime_error;
 };
 
-/// The client's side of the control protocol (docs/control-protocol.md). Blocks; one request at a time.
+/// One connection of the client's side of the control protocol (docs/control-protocol.md). Blocks; one
+/// request at a time. After anything but Refused was thrown it stands in the middle of an answer and is of no
+/// more use.
 class Client {
  public:
    /// Throws NoHost.
@@ -28,9 +30,12 @@ class Client {
    Client & operator=( const Client & ) = delete;
 
    /// Sends a request, and `document` behind it, and calls `each` with every line of the answer but the last
-   /// one, which it returns. Throws NoHost and Refused, and std::invalid_argument for text that is not UTF-8.
+   /// one, which it returns. Throws NoHost, Refused and Interrupted, std::invalid_argument for text that is
+   /// not UTF-8, and what `each` throws.
    nlohmann::json request( const nlohmann::json & request, const std::string & document,
          const std::function<void( const nlohmann::json & line, const std::string & text )> & each );
+   /// Between requests: the host has not closed it.
+   bool alive() const;
 
  private:
    bool send( const std::string & bytes );

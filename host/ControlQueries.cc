@@ -35,8 +35,9 @@ std::string typeName( const AttributeInfo & attribute ) {
 
 class CompletionAnswer final : public Answer {
  public:
-   CompletionAnswer( Json attributes, std::string begin )
-         : attributes_( std::move( attributes ) ),
+   CompletionAnswer( const char * kind, Json attributes, std::string begin )
+         : kind_( kind ),
+           attributes_( std::move( attributes ) ),
            begin_( std::move( begin ) ) {}
 
    void walkIs( const Ptr<Entity> & entity, const KeyedInfo & keyed ) {
@@ -72,7 +73,7 @@ class CompletionAnswer final : public Answer {
       if ( keyed_ ) {
          return true;
       }
-      Json answer{ { "attributes", attributes_ }, { "keys", keys_ } };
+      Json answer{ { "kind", kind_ }, { "attributes", attributes_ }, { "keys", keys_ } };
       if ( more_ ) {
          answer["more"] = true;
       }
@@ -81,6 +82,7 @@ class CompletionAnswer final : public Answer {
    }
 
  private:
+   const char * const kind_;
    const Json attributes_;
    const std::string begin_;
    Ptr<Entity> entity_;
@@ -167,7 +169,11 @@ std::unique_ptr<Answer> completionAnswer( const ControlServices & services, cons
                { "type", typeName( *attribute ) } } );
       }
    }
-   auto answer = std::make_unique<CompletionAnswer>( std::move( attributes ), begin );
+   const char * const kind = !shown            ? "beginning"
+                             : place.member    ? "member"
+                             : place.attribute ? kindName( *place.attribute )
+                                               : "entity";
+   auto answer = std::make_unique<CompletionAnswer>( kind, std::move( attributes ), begin );
    for ( const auto & component : components ) {
       answer->keyAdd( component );
    }

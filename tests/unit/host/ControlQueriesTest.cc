@@ -52,6 +52,17 @@ TEST_F( ControlQueries, CompletePathsFromTheTopToAMember ) {
    EXPECT_EQ( names( complete( config + "serverConfig/nhgConfig/a%2Fb" ) ),
          std::vector<std::string>{ "serverIp set IP address" } );
    EXPECT_EQ( complete( config + "serverConfig/nhgConfig/a%2Fb/serverIp" )["keys"], Json( { "10.1.1.1" } ) );
+   for ( const auto & [path, kind] : std::vector<std::pair<std::string, std::string>>{
+               { "healthMonitor", "beginning" },
+               { config + "serverConfig", "entity" },
+               { config + "serverConfig/nhgConfig", "collection" },
+               { config + "serverConfig/nhgConfig/a%2Fb", "entity" },
+               { config + "serverConfig/nhgConfig/a%2Fb/serverIp", "set" },
+               { config + "serverConfig/nhgConfig/a%2Fb/serverIp/10.1.1.1", "member" },
+               { config + "probeConfig/responseCodeRule/action", "scalar" },
+         } ) {
+      EXPECT_EQ( complete( path )["kind"], kind ) << path;
+   }
    // An entry that is yet to be made has attributes and no keys.
    EXPECT_EQ( names( complete( config + "serverConfig/nhgConfig/new" ) ).size(), 1u );
    EXPECT_EQ( complete( config + "serverConfig/nhgConfig/new/serverIp" )["keys"], Json::array() );

@@ -196,8 +196,9 @@ TEST_F( Programs, TellRefusalWrongUsageAndNoHostApart ) {
    EXPECT_EQ( ctl( { "set", "host/status", "pid", "1" } ).status, 1 );
    EXPECT_EQ( ctl( { "get", "x" } ).errors, "no such path: x\n" );
    EXPECT_EQ( ctl( { "get", "\xff" } ).status, 2 );
-   EXPECT_EQ( ctl( {} ).status, 2 );
-   EXPECT_EQ( ctl( { "frob" } ).status, 2 );
+   EXPECT_EQ( ctl( {} ).status, 0 ); // a shell without lines
+   EXPECT_EQ( ctl( { "frob" } ).status, 1 );
+   EXPECT_EQ( ctl( { "get", "--frob" } ).status, 2 );
    EXPECT_EQ( ctl( { "--help" } ).status, 0 );
 }
 
