@@ -107,6 +107,7 @@ bool ShowAsyncCommandRequestBaseSm::walk(
    bool firstOfSlice = true;
    for ( const auto & [nhgName, group] : groups.from( std::exchange( nhgBookmark_, {} ) ) ) {
       if ( !groupOpen_ ) {
+         HM_TRACE( 9, "nhgName:{}", nhgName );
          if ( shouldYield() || ( forceYieldInTestEval() && !firstOfSlice ) ) {
             HM_TRACE( 9, "yielding before processing nhg: {}", nhgName );
             nhgBookmark_ = nhgName;
@@ -185,19 +186,20 @@ void ShowCountersAsyncCommandRequestSm::handleAsyncCommand( unsigned socket, uns
          []( const ProbeCounters & group ) -> const auto & { return group.serverIpItems(); },
          [this]( const NexthopGroupName &, const IpGenAddr & ip, const ServerIpCounters & server ) {
             const auto ipText = ip.text();
-            for ( const auto & [probeType, counters] : server.probeTypeCountersItems() ) {
-               probeTypeEntry( probeType, [&]( CliPrinter & printer, const char * word ) {
+            for ( const auto & item : server.probeTypeCountersItems() ) {
+               const auto & counters = *item.value;
+               probeTypeEntry( item.key, [&]( CliPrinter & printer, const char * word ) {
                   printer.row(
                         {
-                              { "numChecks", counters->numChecks() },
-                              { "numResponses", counters->numResponses() },
-                              { "numConnectFailures", counters->numConnectFailures() },
-                              { "numFailures", counters->numFailures() },
-                              { "numTimeouts", counters->numTimeouts() },
+                              { "numChecks", counters.numChecks() },
+                              { "numResponses", counters.numResponses() },
+                              { "numConnectFailures", counters.numConnectFailures() },
+                              { "numFailures", counters.numFailures() },
+                              { "numTimeouts", counters.numTimeouts() },
                         },
                         "%-*s %-15s %-10s %-10u %-10u %-16u %-13u %-10u\n", nhgMaxWidth(), nhgText(),
-                        ipText.c_str(), word, counters->numChecks(), counters->numResponses(),
-                        counters->numConnectFailures(), counters->numFailures(), counters->numTimeouts() );
+                        ipText.c_str(), word, counters.numChecks(), counters.numResponses(),
+                        counters.numConnectFailures(), counters.numFailures(), counters.numTimeouts() );
                } );
             }
          } );
@@ -220,17 +222,18 @@ void ShowTimestampsAsyncCommandRequestSm::handleAsyncCommand( unsigned socket, u
          []( const ProbeCounters & group ) -> const auto & { return group.serverIpItems(); },
          [this]( const NexthopGroupName &, const IpGenAddr & ip, const ServerIpCounters & server ) {
             const auto ipText = ip.text();
-            for ( const auto & [probeType, counters] : server.probeTypeCountersItems() ) {
-               probeTypeEntry( probeType, [&]( CliPrinter & printer, const char * word ) {
+            for ( const auto & item : server.probeTypeCountersItems() ) {
+               const auto & counters = *item.value;
+               probeTypeEntry( item.key, [&]( CliPrinter & printer, const char * word ) {
                   if ( !printer.json() ) {
                      printer.frill( "%-*s %-18s %-10s %-15s %-15s %-15s\n", nhgMaxWidth(), nhgText(),
-                           ipText.c_str(), word, fmt::format( "{} ms", counters->lastResponseTime() ).c_str(),
-                           timeText( counters->lastCheckTime() ).c_str(),
-                           timeText( counters->nextCheckTime() ).c_str() );
+                           ipText.c_str(), word, fmt::format( "{} ms", counters.lastResponseTime() ).c_str(),
+                           timeText( counters.lastCheckTime() ).c_str(),
+                           timeText( counters.nextCheckTime() ).c_str() );
                   }
-                  printer.attributeJson( "lastResponseTime", counters->lastResponseTime() );
-                  printer.attributeJson( "lastCheckTime", counters->lastCheckTime() );
-                  printer.attributeJson( "nextCheckTime", counters->nextCheckTime() );
+                  printer.attributeJson( "lastResponseTime", counters.lastResponseTime() );
+                  printer.attributeJson( "lastCheckTime", counters.lastCheckTime() );
+                  printer.attributeJson( "nextCheckTime", counters.nextCheckTime() );
                } );
             }
          } );
@@ -252,7 +255,6 @@ void ShowStatusDetailAsyncCommandRequestSm::handleAsyncCommand( unsigned socket,
    slice(
          socket, format, table, hmAgent().hmServerStatus()->nhgProbeStatusItems(),
          []( const HmState::NexthopGroupProbeStatus & group ) -> const auto & {
-            HM_TRACE( 9, "nhgName:{}", group.nhgName() );
             return group.serverProbeStatusItems();
          },
          [&]( const NexthopGroupName & nhgName, const IpGenAddr & ip, const HmState::ProbeStatus & ) {

@@ -174,6 +174,7 @@ HMWorkQueue & HMStateManager::workQueue() {
 }
 
 void HMWorkQueue::getProbeDelay( std::vector<unsigned long> & histogram ) const {
+   (void)engine_; // only the library's own has a use for it
    const std::scoped_lock lock( record().mutex );
    histogram = record().probeDelays;
 }
