@@ -148,7 +148,7 @@ void StatusTableSm::row(
    const auto counters = group ? group->serverIp( serverIp ) : nullptr;
    const auto server = serverIp.text();
    const char * words[] = { "-", "-" };
-   Ptr<const ProbeTypeCounters> last; // the latest check of either kind
+   Ptr<const ProbeTypeCounters> last; // the check that the row tells of
    printer_.entryStart( server );
    printer_.dictStart( "probeType" );
    for ( const auto probeType : { ProbeType::http, ProbeType::tcp } ) {
@@ -166,7 +166,10 @@ void StatusTableSm::row(
          printer_.attributeJson( "lastCheckTime", seen->lastCheckTime() );
          printer_.attributeJson( "lastResponseTime", seen->lastResponseTime() );
          printer_.attributeJson( "lastReason", HMReasonText( static_cast<HM_REASON>( seen->lastReason() ) ) );
-         if ( !last || seen->lastCheckTime() > last->lastCheckTime() ) {
+         // What took the server down says more than what did not.
+         const bool failed = seen->lastReason() != HM_REASON_NONE;
+         if ( !last || std::pair( failed, seen->lastCheckTime() ) >
+                             std::pair( last->lastReason() != HM_REASON_NONE, last->lastCheckTime() ) ) {
             last = seen;
          }
       }

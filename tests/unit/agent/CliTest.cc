@@ -276,7 +276,7 @@ TEST_F( CliTest, ARequestEndsWithItsAgent ) {
    environment_["TEST_YIELD"] = "2";
    const auto shown = run( counters );
    shown->step();
-   agent_->commandRequestDirectory()->commandCallbackIs( nullptr );
+   agent_->cliCallbackF()->parentIs( nullptr );
    shown->step();
    EXPECT_TRUE( shown->finished() );
    EXPECT_TRUE( shown->interrupted() );

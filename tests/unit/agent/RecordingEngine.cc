@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <set>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -24,6 +25,7 @@ struct Record {
    std::vector<const HMStateManager *> undying; // the agent never destroys its engine; not a leak
    std::shared_ptr<HMStorageObserver> observer;
    std::shared_ptr<HMLogBase> log;
+   std::vector<HMProbeDone> probes;
    std::vector<unsigned long> probeDelays;
 
    bool called( const std::string & call ) {
@@ -111,6 +113,11 @@ std::shared_ptr<HMStorageObserver> RecordingEngine::observer() {
    return record().observer;
 }
 
+std::vector<HMProbeDone> RecordingEngine::probes() {
+   const std::scoped_lock lock( record().mutex );
+   return std::exchange( record().probes, {} );
+}
+
 std::shared_ptr<HMLogBase> RecordingEngine::log() {
    const std::scoped_lock lock( record().mutex );
    return record().log;
@@ -163,6 +170,15 @@ bool HMStateManager::setHostMark(
 bool HMStateManager::removeHostMark(
       const std::string & group, const std::string & host, const HMIPAddress & address, int mark ) {
    return record().called( fmt::format( "-mark {} {} {} {}", group, host, address.toString(), mark ) );
+}
+
+bool HMStateManager::probe( const std::string & group, const std::string & host, HMProbeDone done ) {
+   const bool taken = record().called( fmt::format( "probe {} {}", group, host ) );
+   const std::scoped_lock lock( record().mutex );
+   if ( taken ) {
+      record().probes.push_back( std::move( done ) );
+   }
+   return taken;
 }
 
 void HMStateManager::setLogLevel( HM_LOG_LEVEL level ) {

@@ -32,6 +32,9 @@ class RecordingEngine {
    /// The histogram that the engine tells; clearing it is a call "clearProbeDelay" and makes it all zero.
    static void probeDelaysAre( std::vector<unsigned long> histogram );
 
+   /// Whom the checks asked for by "probe GROUP HOST" report to; each once.
+   static std::vector<HMProbeDone> probes();
+
    /// What the agent gave to the engine.
    static std::shared_ptr<HMStorageObserver> observer();
    static std::shared_ptr<HMLogBase> log();

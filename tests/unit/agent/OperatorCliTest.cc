@@ -1,0 +1,157 @@
+// The commands that an operator begins with: the table of all states, and a check of one server now.
+#include "tests/unit/agent/CliFixture.h"
+
+#include <regex>
+
+using namespace hm;
+using namespace hm::test;
+
+namespace {
+
+class OperatorCliTest : public CliFixture {
+ protected:
+   /// The table, without the times that a wall clock gives.
+   std::string status( const std::string & command = "status" ) {
+      return std::regex_replace(
+            show( command ), std::regex( R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)" ), "YYYY-MM-DD HH:MM:SS" );
+   }
+   std::string refusal( const std::string & command ) {
+      const auto run = this->run( command );
+      run->step();
+      EXPECT_TRUE( run->finished() ) << command;
+      EXPECT_TRUE( reader_.read().empty() ) << command;
+      return run->refusal();
+   }
+};
+
+} // namespace
+
+TEST_F( OperatorCliTest, StatusSaysWhatIsPublishedAndWhy ) {
+   group( "database-replicas", "", "tcp://10.2.0.10:5432", { "10.2.0.1" } );
+   group( "web", "https://192.0.2.10/health", "tcp://192.0.2.10:443", { "10.1.1.1", "10.1.1.20" } );
+   probeConfig_->nhgProbeConfig( "web" )->vipIs( ip( "192.0.2.10" ) );
+   result( "http/web/10.1.1.1", true, 10 );
+   result( "tcp/web/10.1.1.1", true, 10 );
+   result( "tcp/web/10.1.1.1", false, 11 );
+   EXPECT_EQ( "\n" + status(), R"(
+Nexthop Group     VIP        Server          State    HTTP     TCP      Since               Last Check                   Response
+-------------     ---        --------------- -------- -------- -------- ------------------- ---------------------------- --------
+database-replicas            10.2.0.1        down     -        down     -                   -                            -
+web               192.0.2.10 10.1.1.1        down     up       down     YYYY-MM-DD HH:MM:SS connection refused           12 ms
+web               192.0.2.10 10.1.1.20       down     down     down     -                   -                            -
+)" );
+   EXPECT_EQ( std::ranges::count( status( "status web" ), '\n' ), 4 );
+   EXPECT_EQ( refusal( "status nobody" ), "no nexthop group \"nobody\" is monitored" );
+
+   const auto document = showJson( "status" )["hmStatus"];
+   EXPECT_EQ( document["database-replicas"].dump(),
+         R"({"vip":"","servers":{"10.2.0.1":{"probeType":{"tcp":{"state":"down"}},"state":"down","weight":0,)"
+         R"("since":0}}})" );
+   const auto & server = document["web"]["servers"]["10.1.1.1"];
+   EXPECT_EQ( server["probeType"]["tcp"]["lastReason"], "connection refused" );
+   EXPECT_GT( server["since"].get<std::uint64_t>(), 1'700'000'000'000u );
+   // A state that stays is not since now.
+   const auto published =
+         agent_->hmServerStatus()->nhgProbeStatus( "web" )->serverProbeStatus( ip( "10.1.1.1" ) );
+   published->sinceIs( 5 );
+   result( "tcp/web/10.1.1.1", false, 12 );
+   EXPECT_EQ( published->since(), 5u );
+   result( "tcp/web/10.1.1.1", true, 13 );
+   EXPECT_GT( published->since(), 5u );
+}
+
+TEST_F( OperatorCliTest, ALongTableIsPrintedOnceWhateverChangesMeanwhile ) {
+   for ( int i = 0; i < 300; ++i ) {
+      const auto config = serverConfig_->nhgConfigIs( fmt::format( "group{:03}", i % 3 ) );
+      config->serverIpIs( ip( fmt::format( "10.1.{}.{}", i / 200, i % 200 + 1 ) ) );
+      probeConfig_->nhgProbeConfigIs( fmt::format( "group{:03}", i % 3 ) )->httpUrlIs( "http://h/" );
+   }
+   settle();
+   const auto whole = show( "status" );
+   EXPECT_EQ( std::ranges::count( whole, '\n' ), 302 );
+   // Every question after the first of a slice finds the time used up.
+   const auto used = [this] { clock_.advance( Seconds{ 1 } ); };
+   EXPECT_EQ( show( "status", CliFormat::text, used ), whole );
+   int slice = 0;
+   const auto cut = show( "status", CliFormat::json, [&] {
+      clock_.advance( Seconds{ 1 } );
+      if ( ++slice == 1 ) {
+         groupDel( "group001" );
+         settle();
+      }
+   } );
+   EXPECT_TRUE( Json::accept( cut ) ) << cut.substr( 0, 300 );
+}
+
+TEST_F( OperatorCliTest, ProbeShowsPhasesAndWhatTheRulesSay ) {
+   group( "web", "http://192.0.2.10/health", "", { "10.1.1.1" } );
+   probeConfig_->responseCodeRule()->patternIs( "50." );
+   probeConfig_->responsePayloadRule()->patternIs( "drain" );
+   probeConfig_->responsePayloadRule()->actionIs( HmState::ruleActionShutdown );
+   settle();
+   const auto before =
+         agent_->hmServerStatus()->nhgProbeStatus( "web" )->serverProbeStatus( ip( "10.1.1.1" ) );
+   for ( const auto format : { CliFormat::text, CliFormat::json } ) {
+      const auto probe = run( "probe web 10.1.1.1", format );
+      probe->step();
+      EXPECT_FALSE( probe->finished() );
+      EXPECT_TRUE( RecordingEngine::waitForCall( "probe web-http http/web/10.1.1.1" ) );
+      HMProbeReport report;
+      report.m_check.m_response = HM_RESPONSE_ANSWERED;
+      report.m_check.m_responseCode = 200;
+      report.m_check.m_responsePayload = "drain\n\xff" + std::string( 100, 'x' );
+      EXPECT_TRUE( report.m_address.set( "10.1.1.1" ) );
+      report.m_connectUs = 400;
+      report.m_firstByteUs = 12'345;
+      report.m_totalUs = 12'400;
+      for ( const auto & done : RecordingEngine::probes() ) {
+         done( report );
+      }
+      probe->step();
+      probe->step();
+      EXPECT_TRUE( probe->finished() );
+      const auto text = reader_.read();
+      if ( format == CliFormat::text ) {
+         EXPECT_EQ( "\n" + text, "\n"
+                                 "http://192.0.2.10/health\n"
+                                 "   Address:      10.1.1.1\n"
+                                 "   Result:       answered\n"
+                                 "   Connect:      0.400 ms\n"
+                                 "   First byte:   12.345 ms\n"
+                                 "   Total:        12.400 ms\n"
+                                 "   Status:       200\n"
+                                 "   Body:         \"drain\\x0a\xff" +
+                                       std::string( 57, 'x' ) +
+                                       "\" and 43 bytes more\n"
+                                       "   Payload rule: matches: shutdown\n"
+                                       "   Code rule:    does not match\n" );
+      } else {
+         const auto web = Json::parse( text )["hmProbe"]["http"];
+         EXPECT_EQ( web["firstByteUs"], 12'345 );
+         EXPECT_EQ( web["bodyBytes"], 107 );
+         EXPECT_EQ( web["payloadRule"], "matches: shutdown" );
+      }
+   }
+   EXPECT_EQ( before->adminState(), HmState::ServerAdminState::enabled );
+   EXPECT_EQ( before->since(), 0u );
+}
+
+TEST_F( OperatorCliTest, ProbeIsRefusedForWhatThereIsNot ) {
+   group( "web", "http://h/", "", { "10.1.1.1" } );
+   settle();
+   const struct {
+      const char * command;
+      const char * why;
+   } rows[] = {
+         { "probe", "usage: probe NHG SERVER" },
+         { "probe web", "usage: probe NHG SERVER" },
+         { "probe web 10.1.1", "\"10.1.1\" is not an IP address" },
+         { "probe no such 10.1.1.1", "no nexthop group \"no such\" is monitored" },
+         { "probe web 10.1.1.2", "nexthop group \"web\" has no server 10.1.1.2" },
+   };
+   for ( const auto & row : rows ) {
+      EXPECT_EQ( refusal( row.command ), row.why ) << row.command;
+   }
+   RecordingEngine::refuse( "probe" );
+   EXPECT_EQ( refusal( "probe web 10.1.1.1" ), "the check engine does not know this server yet" );
+}
