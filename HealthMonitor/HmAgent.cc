@@ -15,6 +15,25 @@ Ptr<T> entityAt( const EntityManager & entityManager, const std::string & path )
    return entity;
 }
 
+/// Takes a callback out of its place and off its directory.
+template<class Callback>
+void callbackDel( Ptr<Callback> & place ) {
+   if ( const auto gone = std::exchange( place, nullptr ) ) {
+      gone->parentIs( nullptr );
+   }
+}
+
+template<class Callback, class Factory>
+const Ptr<Callback> & callbackIs( Ptr<Callback> & place, Factory factory, const std::string & name,
+      const std::string & commandType, HmAgent * hmAgent ) {
+   if ( !place || place->name() != name || place->commandType() != commandType ||
+         place->hmAgent() != hmAgent ) {
+      callbackDel( place );
+      place = factory( name, commandType, hmAgent );
+   }
+   return place;
+}
+
 } // namespace
 
 void HmAgent::doInit() {
@@ -50,6 +69,13 @@ void HmAgent::doMountsComplete( MountStatus status, Ptr<EntityManager> entityMan
    configSmIs( hmProbeConfig_, serverConfig_, hmServerStatus_, mgmtSslStatus_, scheduler, hmCommonData_,
          netChasmCmdQueue_ );
    probeStatusSmIs( hmProbeConfig_, hmServerStatus_, netChasmResultQueue_, hmCommonData_, scheduler );
+   netChasmTraceIs( netChasmCmdQueue_ );
+   cliCallbackIs( "HealthMonitorCli", "HmCli", this );
+   cliCallbackFIs( "HealthMonitorCliF", "HmCliF", this );
+   commandRequestDirectory()->commandCallbackIs( cliCallback_ );
+   commandRequestDirectory()->commandCallbackIs( cliCallbackF_ );
+   operatorCli_ = new HmOperatorCli( "HealthMonitorOperatorCli", "HmOperatorCli", this );
+   commandRequestDirectory()->commandCallbackIs( operatorCli_ );
 }
 
 void HmAgent::bindEntities( const EntityManager & entityManager ) {
@@ -76,6 +102,10 @@ HmAgent::~HmAgent() {
    configSm_.del();
    probeStatusSm_.del();
    netChasmInterface_.del();
+   netChasmTrace_.del();
+   callbackDel( operatorCli_ );
+   callbackDel( cliCallbackF_ );
+   callbackDel( cliCallback_ );
 }
 
 const Ptr<CommonData> & HmAgent::hmCommonDataIs() {
@@ -105,6 +135,20 @@ const Ptr<ProbeStatusSm> & HmAgent::probeStatusSmIs( const Ptr<const HmState::Pr
       const Ptr<CommonData> & commonData, const Ptr<TaskScheduler> & scheduler ) {
    return probeStatusSm_.is(
          probeStatusSmFactory, probeConfig, serverStatus, resultQueue, commonData, scheduler );
+}
+
+const Ptr<NetCHASMTraceReactorSm> & HmAgent::netChasmTraceIs( const Ptr<EventMpmcQueue> & cmdQueue ) {
+   return netChasmTrace_.is( netChasmTraceReactorSmFactory, cmdQueue );
+}
+
+const Ptr<HmCli> & HmAgent::cliCallbackIs(
+      const std::string & name, const std::string & commandType, HmAgent * hmAgent ) {
+   return callbackIs( cliCallback_, hmCliFactory, name, commandType, hmAgent );
+}
+
+const Ptr<HmCliF> & HmAgent::cliCallbackFIs(
+      const std::string & name, const std::string & commandType, HmAgent * hmAgent ) {
+   return callbackIs( cliCallbackF_, hmCliFFactory, name, commandType, hmAgent );
 }
 
 std::string HmAgent::doCheckAgentCleanState() const {

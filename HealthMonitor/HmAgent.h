@@ -1,7 +1,10 @@
 #pragma once
 
+#include "HealthMonitor/HmCli.h"
 #include "HealthMonitor/HmConfigSm.h"
 #include "HealthMonitor/HmNetCHASMInterface.h"
+#include "HealthMonitor/HmNetCHASMTrace.h"
+#include "HealthMonitor/HmOperatorCli.h"
 #include "HealthMonitor/HmProbeStatusSm.h"
 #include "platform/Agent.h"
 #include "platform/state/Ip.h"
@@ -76,15 +79,26 @@ class HmAgent : public Agent {
    const Ptr<ProbeStatusSm> & probeStatusSmIs( const Ptr<const HmState::ProbeConfig> & probeConfig,
          const Ptr<HmState::ServerStatus> & serverStatus, const Ptr<EventMpmcQueue> & resultQueue,
          const Ptr<CommonData> & commonData, const Ptr<TaskScheduler> & scheduler );
+   const Ptr<NetCHASMTraceReactorSm> & netChasmTraceIs( const Ptr<EventMpmcQueue> & cmdQueue );
+   const Ptr<HmCli> & cliCallbackIs(
+         const std::string & name, const std::string & commandType, HmAgent * hmAgent );
+   const Ptr<HmCliF> & cliCallbackFIs(
+         const std::string & name, const std::string & commandType, HmAgent * hmAgent );
    void netChasmInterfaceDel() { netChasmInterface_.del(); }
    void configSmDel() { configSm_.del(); }
    void probeStatusSmDel() { probeStatusSm_.del(); }
+   void netChasmTraceDel() { netChasmTrace_.del(); }
 
+   const Ptr<const HmState::ProbeConfig> & hmProbeConfig() const { return hmProbeConfig_; }
    const Ptr<HmState::ServerStatus> & hmServerStatus() const { return hmServerStatus_; }
    const Ptr<CommonData> & hmCommonData() const { return hmCommonData_; }
    const Ptr<ConfigSm> & configSm() const { return configSm_.object(); }
    const Ptr<ProbeStatusSm> & probeStatusSm() const { return probeStatusSm_.object(); }
    const Ptr<NetCHASMInterface> & netChasmInterface() const { return netChasmInterface_.object(); }
+   const Ptr<NetCHASMTraceReactorSm> & netChasmTrace() const { return netChasmTrace_.object(); }
+   const Ptr<HmCliF> & cliCallbackF() const { return cliCallbackF_; }
+   const Ptr<HmCli> & cliCallback() const { return cliCallback_; }
+   const Ptr<EventMpmcQueue> & netChasmCmdQueue() const { return netChasmCmdQueue_; }
    const Ptr<EventMpmcQueue> & netChasmResultQueue() const { return netChasmResultQueue_; }
 
  private:
@@ -109,6 +123,10 @@ class HmAgent : public Agent {
    Ptr<EventLoop> netChasmResultEventLoop_;  // the main loop
    Ptr<EventMpmcQueue> netChasmResultQueue_; // engine threads to main thread
    Wired<NetCHASMInterface> netChasmInterface_;
+   Wired<NetCHASMTraceReactorSm> netChasmTrace_;
+   Ptr<HmCliF> cliCallbackF_;
+   Ptr<HmCli> cliCallback_;
+   Ptr<HmOperatorCli> operatorCli_;
 };
 
 } // namespace hm

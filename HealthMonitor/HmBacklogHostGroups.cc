@@ -204,6 +204,27 @@ AddressFamily BacklogSm::nhgAddressFamily( const NexthopGroupName & nhgName ) co
    return AddressFamily::none;
 }
 
+std::string BacklogSm::nhgSourceAddress( const NexthopGroupName & nhgName ) const {
+   switch ( nhgAddressFamily( nhgName ) ) {
+   case AddressFamily::none:
+      break;
+   case AddressFamily::ipv4:
+      return serverStatus_->probeSrcIp().text();
+   case AddressFamily::ipv6:
+      return serverStatus_->probeSrcIp6().text();
+   }
+   return {};
+}
+
+bool BacklogSm::sourceAddressOutdated( const NexthopGroupName & nhgName ) const {
+   const auto outdated = [&]( ProbeType probeType ) {
+      const auto group =
+            netChasmInfo_->hostConfig()->hostGrpCfg( hostGroupNameFromNhgAndProbeType( nhgName, probeType ) );
+      return group && group->sourceAddress() != nhgSourceAddress( nhgName );
+   };
+   return outdated( ProbeType::http ) || outdated( ProbeType::tcp );
+}
+
 void BacklogSm::updateNhgLocalAttrs(
       const NexthopGroupName & nhgName, ProbeType probeType, bool noPeerCheck ) {
    Seconds interval = probeConfig_->probeInterval();
@@ -230,24 +251,13 @@ void BacklogSm::updateNhgLocalAttrs(
       return;
    }
    group->ttlIs( milliseconds( interval ) );
-   switch ( nhgAddressFamily( nhgName ) ) {
-   case AddressFamily::none:
-      group->sourceAddressIs( "" );
-      break;
-   case AddressFamily::ipv4:
-      group->sourceAddressIs( serverStatus_->probeSrcIp().text() );
-      break;
-   case AddressFamily::ipv6:
-      group->sourceAddressIs( serverStatus_->probeSrcIp6().text() );
-      break;
-   }
+   group->sourceAddressIs( nhgSourceAddress( nhgName ) );
    group->timeoutIs( milliseconds( Seconds( timeout ) ) );
    group->checkRetryDelayIs( milliseconds( Seconds( retryDelay ) ) );
    group->checkRetriesIs( retryCount );
-   if ( const auto sslParams = commonData_->nhgSslParams( nhgName ) ) {
-      group->caFilePathIs( sslParams->caFilePath() );
-      group->certFilePathIs( sslParams->certFilePath() );
-   }
+   const auto sslParams = commonData_->nhgSslParams( nhgName );
+   group->caFilePathIs( sslParams ? sslParams->caFilePath() : "" );
+   group->certFilePathIs( sslParams ? sslParams->certFilePath() : "" );
    if ( isHttps( group->checkType() ) ) {
       const auto suffix = group->checkType().find( noPeerCheckSuffix );
       if ( suffix != std::string::npos && !noPeerCheck ) {
@@ -274,8 +284,7 @@ void BacklogSm::verifyHostConfig( const NexthopGroupName & nhgName, ProbeType pr
       HM_ASSERT(
             group->dualStackMode() == "ipv6-only", "Invalid dual-stack-mode: {}", group->dualStackMode() );
    }
-   const auto params = probeType == ProbeType::http ? parseCurlUrlInfo( nhgName, url, !vip.empty() )
-                                                    : parseTcpUrlInfo( nhgName, url, !vip.empty() );
+   const auto params = parseUrlInfo( probeType, nhgName, url, !vip.empty() );
    HM_ASSERT( params, "Invalid checkParams for {}", nhgName );
    const auto checkType = nodeCheckType( params, sslProfile );
    HM_ASSERT( group->checkType() == checkType, "Invalid check-type: {} expected: {}", group->checkType(),

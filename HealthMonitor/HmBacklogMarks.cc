@@ -8,7 +8,7 @@ namespace hm {
 void BacklogSm::handleNhgIpChange( const NexthopGroupName & nhgName, ProbeType probeType,
       const IpGenAddr & serverIp, const IpGenAddr & hostIp, bool add ) {
    HM_TRACE(
-         9, "nhgName:{} probeType:{} serverIp:{} vip:{} add:{}", nhgName, probeType, serverIp, hostIp, add );
+         7, "nhgName:{} probeType:{} serverIp:{} vip:{} add:{}", nhgName, probeType, serverIp, hostIp, add );
    const HostGroupKey key{ nhgName, probeType };
    auto serverCfg = currNhgServerCfg( key ).value_or( nullptr );
    if ( add ) {
@@ -32,7 +32,7 @@ void BacklogSm::handleNhgIpChange( const NexthopGroupName & nhgName, ProbeType p
 
 void BacklogSm::populateUpdateCmdInfo( const NexthopGroupName & nhgName, ProbeType probeType,
       const IpGenAddr & serverIp, const IpGenAddr & hostIp, bool add ) {
-   HM_TRACE( 9, "nhg: {}, probeType: {}, server: {}, hostIp: {}, add: {}", nhgName, probeType, serverIp,
+   HM_TRACE( 7, "nhg: {}, probeType: {}, server: {}, hostIp: {}, add: {}", nhgName, probeType, serverIp,
          hostIp, add );
    const UpdateCmdInfoKey key{ nhgName, probeType, serverIp, hostIp };
    if ( const auto pending = netChasmInfo_->updateCmdInfo( key ) ) {

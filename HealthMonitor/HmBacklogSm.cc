@@ -28,13 +28,23 @@ BacklogSm::~BacklogSm() {
    task_->runHandlerIs( {} );
 }
 
+void BacklogSm::notificationsEnabledIs( bool enabled ) {
+   Reactor::notificationsEnabledIs( enabled );
+   if ( enabled && commonData_->configPhase() == ConfigPhase::backlogProcessing && !allBacklogsEmpty() ) {
+      task_->scheduleTask();
+   }
+}
+
 void BacklogSm::handleInitialized() {
    HM_TRACE( 9, "" );
    backlogTypeBookmark_ = BacklogType::nhgServerChange;
    initialized_ = true;
-   // Packets without a mark carry 0, so that 0 is never handed out.
-   commonData_->serverMarkBitmapIs( "serverMarkBitmap", commonData_->serverMarkBitmapSize(), false )
-         ->setBit( 0 );
+   // One for the life of the shared data: marks in use stay so. Packets without a mark carry 0, so that 0 is
+   // never handed out.
+   if ( !commonData_->serverMarkBitmap() ) {
+      commonData_->serverMarkBitmapIs( "serverMarkBitmap", commonData_->serverMarkBitmapSize(), false )
+            ->setBit( 0 );
+   }
    netChasmInfo_->hostConfigIs();
    processBacklog();
 }
@@ -97,51 +107,36 @@ bool BacklogSm::processNhgServerBacklog() {
          return false;
       }
       HM_TRACE( 7, "processing entry: {}, add: {}", ipNhgString( server ), add );
-      processNhgServerEntry( server, add, globalNoPeerCheck );
+      const auto & [nhgName, serverIp] = server;
+      if ( add ) {
+         const bool noPeerCheck = evaluateNhgSslProfile( nhgName ) && globalNoPeerCheck;
+         const auto nhgConfig = serverConfig_->nhgConfig( nhgName );
+         HM_ASSERT( nhgConfig, "nhgConfig missing for {}", nhgName );
+         HM_ASSERT( nhgConfig->serverIpHas( serverIp ), "server {} missing in nhgConfig for {}", serverIp,
+               nhgName );
+         const auto nhgProbeConfig = probeConfig_->nhgProbeConfig( nhgName );
+         const bool nhgHasVip = nhgProbeConfig && !nhgProbeConfig->vip().empty();
+         const auto hostIp = nhgHasVip ? nhgProbeConfig->vip() : serverIp;
+         for ( const auto probeType : { ProbeType::http, ProbeType::tcp } ) {
+            const auto url = getUrl( *probeConfig_, nhgName, probeType );
+            const auto params = parseUrlInfo( probeType, nhgName, url, nhgHasVip );
+            if ( params ) {
+               processNhgServerAdd( nhgName, probeType, serverIp, hostIp, params, noPeerCheck );
+            } else {
+               HM_TRACE( 7, "{} url ({}) invalid / not configured for nhg {}", probeType, url, nhgName );
+               processNhgServerDelete( nhgName, probeType, serverIp, hostIp, params );
+            }
+         }
+      } else {
+         processNhgServerDelete( nhgName, ProbeType::http, serverIp, serverIp, {} );
+         processNhgServerDelete( nhgName, ProbeType::tcp, serverIp, serverIp, {} );
+         if ( sourceAddressOutdated( nhgName ) ) {
+            backlogInfo_->nhgLocalAttrsBacklogIs( nhgName );
+         }
+      }
       backlogInfo_->nhgServerBacklogDel( server );
    }
    return true;
-}
-
-void BacklogSm::processNhgServerEntry( const IpNhgPair & server, bool add, bool globalNoPeerCheck ) {
-   const auto & [nhgName, serverIp] = server;
-   if ( !add ) {
-      processNhgServerDelete( nhgName, ProbeType::http, serverIp, serverIp, {} );
-      processNhgServerDelete( nhgName, ProbeType::tcp, serverIp, serverIp, {} );
-      // A group of both families that loses its last IPv4 server is an IPv6 group, with another source
-      // address.
-      const auto family = nhgAddressFamily( nhgName );
-      if ( family != AddressFamily::none && family != serverIp.family() ) {
-         backlogInfo_->nhgLocalAttrsBacklogIs( nhgName );
-      }
-      return;
-   }
-   const auto tcpUrl = getUrl( *probeConfig_, nhgName, ProbeType::tcp );
-   const auto httpUrl = getUrl( *probeConfig_, nhgName, ProbeType::http );
-   const bool noPeerCheck = evaluateNhgSslProfile( nhgName ) && globalNoPeerCheck;
-
-   const auto nhgConfig = serverConfig_->nhgConfig( nhgName );
-   HM_ASSERT( nhgConfig, "nhgConfig missing for {}", nhgName );
-   HM_ASSERT(
-         nhgConfig->serverIpHas( serverIp ), "server {} missing in nhgConfig for {}", serverIp, nhgName );
-   const auto nhgProbeConfig = probeConfig_->nhgProbeConfig( nhgName );
-   const bool nhgHasVip = nhgProbeConfig && !nhgProbeConfig->vip().empty();
-   const auto hostIp = nhgHasVip ? nhgProbeConfig->vip() : serverIp;
-
-   const auto httpParams = parseCurlUrlInfo( nhgName, httpUrl, nhgHasVip );
-   if ( httpParams ) {
-      processNhgServerAdd( nhgName, ProbeType::http, serverIp, hostIp, httpParams, noPeerCheck );
-   } else {
-      HM_TRACE( 7, "http url ({}) invalid / not configured for nhg {}", httpUrl, nhgName );
-      processNhgServerDelete( nhgName, ProbeType::http, serverIp, hostIp, httpParams );
-   }
-   const auto tcpParams = parseTcpUrlInfo( nhgName, tcpUrl, nhgHasVip );
-   if ( tcpParams ) {
-      processNhgServerAdd( nhgName, ProbeType::tcp, serverIp, hostIp, tcpParams, noPeerCheck );
-   } else {
-      HM_TRACE( 7, "tcp url ({}) invalid / not configured for nhg {}", tcpUrl, nhgName );
-      processNhgServerDelete( nhgName, ProbeType::tcp, serverIp, hostIp, tcpParams );
-   }
 }
 
 void BacklogSm::processNhgServerAdd( const NexthopGroupName & nhgName, ProbeType probeType,

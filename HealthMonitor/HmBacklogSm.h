@@ -29,6 +29,9 @@ class BacklogSm : public Reactor {
          Ptr<Task> task );
    ~BacklogSm() override;
 
+   /// What the task did not do while they were off is taken up when they are switched on.
+   void notificationsEnabledIs( bool enabled ) override;
+
    bool initialized() const { return initialized_; }
    BacklogType backlogTypeBookmark() const { return backlogTypeBookmark_; }
    bool allBacklogsEmpty() const;
@@ -44,6 +47,11 @@ class BacklogSm : public Reactor {
          const NexthopGroupName & nhgName, const std::string & url, bool nhgHasVip );
    static NetCHASMCheckParams parseTcpUrlInfo(
          const NexthopGroupName & nhgName, const std::string & url, bool nhgHasVip );
+   static NetCHASMCheckParams parseUrlInfo(
+         ProbeType probeType, const NexthopGroupName & nhgName, const std::string & url, bool nhgHasVip ) {
+      return probeType == ProbeType::http ? parseCurlUrlInfo( nhgName, url, nhgHasVip )
+                                          : parseTcpUrlInfo( nhgName, url, nhgHasVip );
+   }
 
    // Host groups.
 
@@ -74,12 +82,11 @@ class BacklogSm : public Reactor {
    bool evaluateSslProfile( const std::string & name );            // into the two working paths
    bool evaluateGlobalSslProfile();                                // into CommonData
    bool evaluateNhgSslProfile( const NexthopGroupName & nhgName ); // into the group's NhgSslParams
-   const std::string & caFilePath() const { return caFilePath_; }
-   const std::string & certFilePath() const { return certFilePath_; }
 
    /// Under which host address each server of a host group is published to the engine.
    HM_MAP( HostGroupKey, Ptr<ServerCfg>, currNhgServerCfg )
 
+ private:
    void handleInitialized();
 
    // One backlog each. True: done; false: the task is to be run again.
@@ -87,7 +94,6 @@ class BacklogSm : public Reactor {
    bool processNhgLocalAttrsBacklog();
    bool processGlobalAttrsBacklog();
 
-   void processNhgServerEntry( const IpNhgPair & server, bool add, bool globalNoPeerCheck );
    void processNhgServerAdd( const NexthopGroupName & nhgName, ProbeType probeType,
          const IpGenAddr & serverIp, const IpGenAddr & hostIp, const NetCHASMCheckParams & params,
          bool noPeerCheck );
@@ -98,6 +104,9 @@ class BacklogSm : public Reactor {
    void populateUpdateCmdInfo( const NexthopGroupName & nhgName, ProbeType probeType,
          const IpGenAddr & serverIp, const IpGenAddr & hostIp, bool add );
    AddressFamily nhgAddressFamily( const NexthopGroupName & nhgName ) const;
+   std::string nhgSourceAddress( const NexthopGroupName & nhgName ) const; // empty: none
+   /// A group of both families that loses its last IPv4 server is an IPv6 group, with another source address.
+   bool sourceAddressOutdated( const NexthopGroupName & nhgName ) const;
 
    // Constant after construction.
    const Ptr<const HmState::ProbeConfig> probeConfig_;

@@ -100,6 +100,7 @@ class ProbeTypeCounters : public Entity {
    HM_ATTRIBUTE( std::uint32_t, lastResponseTime, 0 )
    HM_ATTRIBUTE( std::uint64_t, lastCheckTime, 0 )
    HM_ATTRIBUTE( std::uint64_t, nextCheckTime, 0 )
+   HM_ATTRIBUTE( std::uint8_t, lastReason, 0 ) // the engine's code
 
  public:
    explicit ProbeTypeCounters( ProbeType probeType ) : probeType_( probeType ) {}

@@ -162,7 +162,6 @@ void ConfigSm::hmNhgConfigDel( const NexthopGroupName & nhgName ) {
    if ( const auto reactor = nhgConfigReactor( nhgName ) ) {
       ( *reactor )->handleDel();
       nhgConfigReactorDel( nhgName );
-      nhgSslParamsForget( nhgName );
    }
 }
 
@@ -181,14 +180,7 @@ void ConfigSm::hmNhgProbeConfigDel( const NexthopGroupName & nhgName ) {
    if ( const auto reactor = nhgProbeConfigReactor( nhgName ) ) {
       ( *reactor )->handleDel();
       nhgProbeConfigReactorDel( nhgName );
-      nhgSslParamsForget( nhgName );
-   }
-}
-
-/// Of a group that no configuration names any more nothing stays behind.
-void ConfigSm::nhgSslParamsForget( const NexthopGroupName & nhgName ) {
-   if ( !serverConfig_->nhgConfigHas( nhgName ) && !probeConfig_->nhgProbeConfigHas( nhgName ) ) {
-      commonData_->nhgSslParamsDel( nhgName );
+      commonData_->nhgSslParamsDel( nhgName ); // the profile that they are of was named there
    }
 }
 
@@ -201,6 +193,10 @@ void ConfigSm::sslStatusIs( const std::string & profileName ) {
    const Ptr<SslStatusReactor> reactor = new SslStatusReactor( profileName, status, *this );
    reactor->notificationsEnabledIs( notificationsEnabled() );
    sslStatusReactorIs( profileName, reactor );
+   // A new profile is in no state; the change from that one of an entry that appeared finished was missed.
+   if ( initialized_ && status->state() != Mgmt::Security::Ssl::ProfileState::invalid ) {
+      reactor->handleState();
+   }
 }
 
 void ConfigSm::sslStatusDel( const std::string & profileName ) {

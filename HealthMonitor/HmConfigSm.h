@@ -21,7 +21,7 @@ namespace hm {
 /// Owned by the agent; main thread only. Made with notifications off.
 ///
 /// Sources: HmConfigSm.cc global configuration and phases, HmNhgMonitoring.cc the operations a group,
-/// HmConfigReactors.cc the nested reactors.
+/// HmConfigReactors.cc the nested reactors, HmConfigSummary.cc the report on it all.
 class ConfigSm : public Reactor {
  public:
    /// As nice(2): adds to the nice value of the process, returns the new one, tells errors by errno only.
@@ -40,14 +40,11 @@ class ConfigSm : public Reactor {
    const Ptr<const HmState::ProbeConfig> & probeConfig() const { return probeConfig_; }
    const Ptr<const HmState::ServerConfig> & serverConfig() const { return serverConfig_; }
    const Ptr<HmState::ServerStatus> & serverStatus() const { return serverStatus_; }
-   const Ptr<const Mgmt::Security::Ssl::Status> & mgmtSslStatus() const { return mgmtSslStatus_; }
-   const Ptr<TaskScheduler> & scheduler() const { return scheduler_; }
    const Ptr<CommonData> & commonData() const { return commonData_; }
    const Ptr<EventMpmcQueue> & cmdQueue() const { return cmdQueue_; }
    const Ptr<BacklogInfo> & backlogInfo() const { return backlogInfo_; }
    const Ptr<NetCHASMInfo> & netChasmInfo() const { return netChasmInfo_; }
    const Ptr<Task> & backlogTask() const { return backlogTask_; }
-   const Ptr<TimerTask> & netChasmInfoTask() const { return netChasmInfoTask_; }
    const Ptr<BacklogSm> & backlogSm() const { return backlogSm_; }
    const Ptr<NetCHASMInfoSm> & netChasmInfoSm() const { return netChasmInfoSm_; }
    bool initialized() const { return initialized_; }
@@ -66,6 +63,10 @@ class ConfigSm : public Reactor {
    /// The one way to ask for backlog processing. Does nothing while the update cycle has the word; at its end
    /// handlePhase() asks again.
    void maybeScheduleBacklogTask();
+
+   /// What is configured globally and how far it has been brought to the engine, to `socket` in `format` as
+   /// CliPrinter takes them.
+   void showSummary( unsigned socket, unsigned format ) const;
 
    // Operations on one nexthop group.
    bool nhgMonitoringEnabled( const NexthopGroupName & nhgName ) const; // false: the group is disabled
@@ -89,7 +90,6 @@ class ConfigSm : public Reactor {
    void hmNhgConfigDel( const NexthopGroupName & nhgName );
    void hmNhgProbeConfigIs( const NexthopGroupName & nhgName );
    void hmNhgProbeConfigDel( const NexthopGroupName & nhgName );
-   void nhgSslParamsForget( const NexthopGroupName & nhgName );
    void sslStatusIs( const std::string & profileName );
    void sslStatusDel( const std::string & profileName );
 

@@ -72,6 +72,13 @@ NetCHASMInfoSm::~NetCHASMInfoSm() {
    ncTask_->runHandlerIs( nullptr );
 }
 
+void NetCHASMInfoSm::notificationsEnabledIs( bool enabled ) {
+   Reactor::notificationsEnabledIs( enabled );
+   if ( enabled && commonData()->configPhase() == ConfigPhase::netChasmInfoProcessing ) {
+      ncTask_->scheduleTask();
+   }
+}
+
 void NetCHASMInfoSm::handleInitialized() {
    if ( initialized_ ) {
       HM_TRACE( 4, "already initialized" );
@@ -131,16 +138,24 @@ bool NetCHASMInfoSm::generateHostConfigFile() {
    if ( !yamlHelper_ ) {
       yamlHelper_ = new YamlHelper( netchasmInfo() );
    }
-   const HostGroupKey resumed = hostGroupBookMark_;
-   const auto & groups = netchasmInfo()->nhgHostListItems();
-   for ( const auto & [key, hosts] : groups.from( resumed ) ) {
+   const HostGroupKey first = hostGroupBookMark_;
+   for ( const auto & [key, hosts] : netchasmInfo()->nhgHostListItems().from( first ) ) {
       const auto hostGroupName = hostGroupNameFromNhgAndProbeType( key.nhgName, key.probeType );
-      if ( resumed == HostGroupKey{} || key != resumed ) {
+      const bool resumed = !hostBookMark_.empty();
+      if ( !resumed ) {
          yamlHelper_->hostGroupBegin( hostGroupName );
       }
       HM_TRACE( 4, "processing host-group: {}, probeType: {}", hostGroupName, key.probeType );
-      if ( !addHosts( key, hostGroupName, *hosts ) ) {
-         return false;
+      for ( const auto & item : hosts->hostListItems().from( hostBookMark_ ) ) {
+         const auto & host = item.key;
+         if ( ncTask_->taskShouldYield() ) {
+            hostGroupBookMark_ = key;
+            hostBookMark_ = host;
+            HM_TRACE( 4, "yielding at: ({} {})", hostGroupName, host );
+            return false;
+         }
+         HM_TRACE( 7, "processing server: {}", host );
+         yamlHelper_->hostAdd( host );
       }
       yamlHelper_->hostGroupEnd();
       hostGroupBookMark_ = {};
@@ -149,22 +164,6 @@ bool NetCHASMInfoSm::generateHostConfigFile() {
    writeToFile( workingCfg_->hostConfigPath(), yamlHelper_->hostConfigFile() );
    generateMasterConfig();
    yamlHelper_ = nullptr;
-   return true;
-}
-
-bool NetCHASMInfoSm::addHosts(
-      const HostGroupKey & key, const std::string & hostGroupName, const NhgHostList & hosts ) {
-   for ( const auto & item : hosts.hostListItems().from( hostBookMark_ ) ) {
-      const auto & host = item.key;
-      if ( ncTask_->taskShouldYield() ) {
-         hostGroupBookMark_ = key;
-         hostBookMark_ = host;
-         HM_TRACE( 4, "yielding at: ({} {})", hostGroupName, host );
-         return false;
-      }
-      HM_TRACE( 7, "processing server: {}", host );
-      yamlHelper_->hostAdd( host );
-   }
    return true;
 }
 
@@ -201,8 +200,8 @@ bool NetCHASMInfoSm::generateDnsAndMarkCmds( bool add ) {
       }
       const auto hostGroupName = hostGroupNameFromNhgAndProbeType( key.nhgName, key.probeType );
       const auto hostName = hostNameFromNhgAndServerIp( key.nhgName, key.probeType, key.serverIp );
-      HM_TRACE( 7, "hostGroup:{} hostName:{} hostIp:{} mark:{} remove:{}", hostGroupName, hostName,
-            key.hostIp, info->mark(), info->remove() );
+      HM_TRACE( 7, "hostGroup:{} hostName:{}hostIp:{} mark:{} remove:{}", hostGroupName, hostName, key.hostIp,
+            info->mark(), info->remove() );
       cmdQueue_->push(
             new CmdDnsAndMark( hostGroupName, hostName, key.hostIp, info->mark(), info->remove() ) );
       netchasmInfo()->updateCmdInfoDel( key );

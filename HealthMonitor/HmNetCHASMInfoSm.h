@@ -55,9 +55,8 @@ class NetCHASMInfoSm : public Reactor {
    void handleInitialized();
    void handleNcTask();
 
-   NcPhase ncPhase() const { return ncPhase_; }
-   Seconds taskInterval() const { return taskInterval_; }
-   bool initialized() const { return initialized_; }
+   /// A cycle that stood still while they were off goes on when they are switched on.
+   void notificationsEnabledIs( bool enabled ) override;
 
    /// The pair that is not written next: between two cycles what the engine was last told to load.
    Ptr<NetCHASMFileCfg> getNetChasmConfig() const;
@@ -73,7 +72,6 @@ class NetCHASMInfoSm : public Reactor {
    bool generateNetCHASMAddCmds();
    bool generateDnsAndMarkCmds( bool add );
    bool deletePendingMarks();
-   bool addHosts( const HostGroupKey & key, const std::string & hostGroupName, const NhgHostList & hosts );
 
    Ptr<NetCHASMFileCfg> createNetCHASMConfigFiles();
    void generateMasterConfig();

@@ -63,6 +63,12 @@ class NetCHASMInterface final : public Reactor {
    /// Null until the engine is there. Written once, by the command thread; any thread.
    HMStateManager * netChasmStateMgr() const { return netChasmStateMgr_.load( std::memory_order_acquire ); }
 
+   /// How late checks started, as a report to `socket` in `format` as CliPrinter takes them: in text grouped
+   /// by ranges scaled to `probeInterval` (seconds; 0: the configured one), in JSON second by second. Without
+   /// an engine there is nothing to report. Main thread.
+   void showProbeDelay( unsigned socket, unsigned format, unsigned probeInterval ) const;
+   void clearProbeDelay() const; // main thread
+
    // Written by the command thread only. A reader on another thread may see the value of one command ago.
    std::int32_t traceLevel() const { return traceLevel_.load( std::memory_order_relaxed ); }
    std::uint64_t reloadCount() const { return reloadCount_.load( std::memory_order_relaxed ); }

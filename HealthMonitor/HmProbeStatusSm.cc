@@ -1,7 +1,10 @@
 #include "HealthMonitor/HmProbeStatusSm.h"
 
+#include "HealthMonitor/HmCheckReason.h"
 #include "HealthMonitor/HmQueueRecords.h"
 #include "HealthMonitor/HmUtils.h"
+
+#include <netchasm/HMTimeStamp.h>
 
 namespace hm {
 
@@ -72,11 +75,7 @@ void ProbeStatusSm::processProbeResult() {
       if ( !hmCommonData_->hostNameToIpNhgPairHas( result->hostName ) ) {
          HM_TRACE( 4, "hostName {} missing in hostNameToIpNhgPair", result->hostName );
       } else {
-         maybePublishProbeStatus( result->hostName, result->response, result->responseCode,
-               result->responsePayload, result->reason, result->weight );
-         publishProbeCounters( result->hostName, result->response, result->numChecks, result->numResponses,
-               result->numConnectFailures, result->numFailures, result->numTimeouts, result->lastResponseTime,
-               result->lastCheckTime );
+         handleResult( *result );
       }
       ++processed;
       if ( task_->taskShouldYield() ) {
@@ -88,6 +87,38 @@ void ProbeStatusSm::processProbeResult() {
    task_->taskWorkCountInc( processed );
    if ( !done ) {
       task_->scheduleTask();
+   }
+}
+
+void ProbeStatusSm::handleResult( const ProbeResult & result ) {
+   constexpr int level = 4;
+   const auto server = ipNhgPair( result.hostName );
+   const auto group = hmServerStatus_->nhgProbeStatus( server.nhgName );
+   const auto published =
+         group && traceFacility().levelEnabled( level ) ? group->serverProbeStatus( server.ip ) : nullptr;
+   const auto stateText = [&published] {
+      return published ? fmt::format( "{} {}", ValueTraits<AdminState>::toText( published->adminState() ),
+                               ValueTraits<OperState>::toText( published->operState() ) )
+                       : std::string{};
+   };
+   const auto oldState = stateText();
+   maybePublishProbeStatus( result.hostName, result.response, result.responseCode, result.responsePayload,
+         result.reason, result.weight );
+   publishProbeCounters( result.hostName, result.response, result.numChecks, result.numResponses,
+         result.numConnectFailures, result.numFailures, result.numTimeouts, result.lastResponseTime,
+         result.lastCheckTime );
+   noteReason( result.hostName, result.reason );
+   if ( const auto newState = stateText(); newState != oldState ) {
+      const auto probeType = probeTypeFromHostName( result.hostName );
+      const auto cached = getServerProbeStatus( server.nhgName, server.ip, probeType );
+      const bool ruled =
+            result.response == responseAnswered &&
+            ( cached->adminState() != AdminState::enabled || cached->operState() != OperState::up );
+      HM_TRACE( level,
+            "NHG: {}, server: {}, old state: {}, new state: {}, reason: {} check: {}{}, checks: {}",
+            server.nhgName, server.ip, oldState, newState, probeType,
+            checkReasonText( result.response, result.responseCode, result.reason ),
+            ruled ? ", matches a response rule" : "", result.numChecks );
    }
 }
 
@@ -125,9 +156,13 @@ void ProbeStatusSm::maybePublishProbeStatus( const std::string & hostName, std::
    const bool shutdown = httpAdminState != AdminState::enabled || tcpAdminState != AdminState::enabled;
    // Whoever watches the entry sees the three change as one.
    const EntityUpdate update( *published );
+   const auto before = std::pair( published->operState(), published->adminState() );
    published->operStateIs( up ? OperState::up : OperState::down );
    published->adminStateIs( shutdown ? AdminState::shutdown : AdminState::enabled );
    published->weightIs( static_cast<std::uint16_t>( weight ) );
+   if ( before != std::pair( published->operState(), published->adminState() ) ) {
+      published->sinceIs( HMTimeStamp::now().getTimeSinceEpoch() );
+   }
 }
 
 void ProbeStatusSm::publishProbeCounters( const std::string & hostName, std::uint8_t response,
@@ -163,6 +198,17 @@ void ProbeStatusSm::publishProbeCounters( const std::string & hostName, std::uin
    const std::uint64_t untilNextMs =
          response == responseAnswered ? std::uint64_t{ hmCommonData_->probeInterval() } * 1000 : 0;
    probeTypeCounters->nextCheckTimeIs( lastCheckTime + untilNextMs );
+}
+
+void ProbeStatusSm::noteReason( const std::string & hostName, std::uint8_t reason ) {
+   if ( reason == reasonNoVerdict ) {
+      return; // the state stands, and so does why
+   }
+   const auto server = ipNhgPair( hostName );
+   const auto group = hmCommonData_->probeCounters( server.nhgName );
+   if ( const auto counters = group ? group->serverIp( server.ip ) : nullptr ) {
+      counters->probeTypeCounters( probeTypeFromHostName( hostName ) )->lastReasonIs( reason );
+   }
 }
 
 IpNhgPair ProbeStatusSm::ipNhgPair( const std::string & hostName ) const {

@@ -10,6 +10,8 @@
 
 namespace hm {
 
+struct ProbeResult;
+
 /// Turns check results into the published state of servers: keeps what each kind of check says of a server,
 /// publishes the two together, and copies the engine's counters. A server is up only if every kind of check
 /// that its group runs says so, and shut down if any does.
@@ -41,9 +43,21 @@ class ProbeStatusSm final : public Reactor {
          std::uint32_t numResponses, std::uint32_t numConnectFailures, std::uint32_t numFailures,
          std::uint32_t numTimeouts, std::uint32_t lastResponseTime, std::uint64_t lastCheckTime );
 
+   // What one kind of check said last of a published server; neutral (enabled, up) when its group does not
+   // run it.
+   AdminState getCachedAdminState(
+         const NexthopGroupName & nhgName, const IpGenAddr & serverIp, ProbeType probeType ) const;
+   OperState getCachedOperState(
+         const NexthopGroupName & nhgName, const IpGenAddr & serverIp, ProbeType probeType ) const;
+   std::uint16_t getCachedWeight(
+         const NexthopGroupName & nhgName, const IpGenAddr & serverIp, ProbeType probeType ) const;
+
  private:
    void handleProbeResult();
    void processProbeResult();
+   void noteReason( const std::string & hostName, std::uint8_t reason ); // of the last verdict, for people
+   /// Publishes what a result says, and traces at level 4 when that changes what is published.
+   void handleResult( const ProbeResult & result );
 
    IpNhgPair ipNhgPair( const std::string & hostName ) const; // empty when the name is not known (any more)
    Ptr<HmState::ProbeStatus> publishedStatus( const IpNhgPair & server ) const; // empty: none
@@ -64,13 +78,6 @@ class ProbeStatusSm final : public Reactor {
    /// Without an answer the last state stays while there is no verdict; otherwise the server is down.
    OperState operStateWithoutAnswer( const NexthopGroupName & nhgName, const IpGenAddr & serverIp,
          ProbeType probeType, std::uint8_t reason ) const;
-   // What the other kind of check said last; neutral (enabled, up) when the group does not run it.
-   AdminState getCachedAdminState(
-         const NexthopGroupName & nhgName, const IpGenAddr & serverIp, ProbeType probeType ) const;
-   OperState getCachedOperState(
-         const NexthopGroupName & nhgName, const IpGenAddr & serverIp, ProbeType probeType ) const;
-   std::uint16_t getCachedWeight(
-         const NexthopGroupName & nhgName, const IpGenAddr & serverIp, ProbeType probeType ) const;
 
    const Ptr<const HmState::ProbeConfig> hmProbeConfig_;
    const Ptr<HmState::ServerStatus> hmServerStatus_;

@@ -4,6 +4,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// Names that the agent and the engine share, and the URLs behind them.
 namespace hm {
@@ -25,5 +26,11 @@ std::string getProbeTypeFromUrl( std::string_view url );
 /// the global one for HTTP.
 std::string getUrl(
       const HmState::ProbeConfig & probeConfig, const NexthopGroupName & nhgName, ProbeType probeType );
+
+/// Groups a histogram of seconds (element i: above i, up to i + 1; the last: all above) into ranges scaled to
+/// a probe interval in seconds, and appends the label and the count of each that is not empty, in ascending
+/// order. A range that would reach the end of the histogram is the last one before "(…,+∞]".
+void calculateProbeDelayRanges( std::vector<std::string> & labels, std::vector<std::uint64_t> & counts,
+      const std::vector<std::uint64_t> & histogram, std::uint32_t interval );
 
 } // namespace hm

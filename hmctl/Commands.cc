@@ -24,10 +24,17 @@ constexpr std::size_t maxFileBytes = 32u << 20;
 
 const Flag jsonFlag{ "--json", "JSON" };
 
+// A name as it may be printed and sent: one line of UTF-8, whatever bytes it has.
+std::string shown( std::string name ) {
+   std::ranges::replace_if(
+         name, []( unsigned char c ) { return c < 0x20 || c == 0x7f; }, '?' );
+   return Json::parse( Json( name ).dump( -1, ' ', false, Json::error_handler_t::replace ) );
+}
+
 std::string fileRead( const std::string & path ) {
    const int fd = path == "-" ? STDIN_FILENO : open( path.c_str(), O_RDONLY | O_CLOEXEC );
    if ( fd < 0 ) {
-      throw Refused( path + ": " + std::strerror( errno ) );
+      throw Refused( shown( path ) + ": " + std::strerror( errno ) );
    }
    std::string text;
    std::array<char, 64 * 1024> buffer;
@@ -39,7 +46,7 @@ std::string fileRead( const std::string & path ) {
          continue;
       }
       if ( size < 0 ) {
-         throw Refused( path + ": " + std::strerror( errno ) );
+         throw Refused( shown( path ) + ": " + std::strerror( errno ) );
       }
       text.append( buffer.data(), static_cast<std::size_t>( size ) );
    }
@@ -75,7 +82,7 @@ void apply( Session & session, const Invocation & given, Output & ) {
    const auto & file = given.arguments.front();
    const auto document = fileRead( file );
    change( session,
-         { { "command", "apply" }, { "file", file == "-" ? "standard input" : file },
+         { { "command", "apply" }, { "file", file == "-" ? "standard input" : shown( file ) },
                { "check", given.has( "--check" ) }, { "documentBytes", document.size() } },
          document );
 }

@@ -26,11 +26,6 @@ std::string lineBegin( const std::string & path, const AttributeInfo & attribute
 
 } // namespace
 
-bool pathIsAtOrBelow( const std::string & path, const std::string & root ) {
-   return root.empty() ||
-          ( path.starts_with( root ) && ( path.size() == root.size() || path[root.size()] == '/' ) );
-}
-
 ChangeFeed::ChangeFeed( Ptr<EntityManager> entityManager ) : entityManager_( std::move( entityManager ) ) {
    for ( const auto & [path, root] : entityManager_->roots() ) {
       root->observeTree( *this );

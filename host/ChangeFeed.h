@@ -50,7 +50,4 @@ class ChangeFeed final : public platform::RefCounted, private platform::TreeObse
    std::uint64_t nextId_ = 1;
 };
 
-/// Whether `path` is `root` or stands below it; everything stands below the empty path.
-bool pathIsAtOrBelow( const std::string & path, const std::string & root );
-
 } // namespace host

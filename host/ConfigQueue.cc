@@ -2,6 +2,7 @@
 
 #include "platform/EventLoopThread.h"
 
+#include <algorithm>
 #include <atomic>
 #include <utility>
 
@@ -82,7 +83,13 @@ void ConfigQueue::submit( ChangeRequest request, Done done ) {
    job->request = std::move( request );
    job->done = std::move( done );
    waiting_.push_back( job );
-   checkThread_->push( job );
+   handOut();
+}
+
+void ConfigQueue::handOut() {
+   while ( handedOut_ < std::min( waiting_.size(), maxChecked ) ) {
+      checkThread_->push( waiting_[handedOut_++] );
+   }
 }
 
 void ConfigQueue::checked() {
@@ -98,8 +105,14 @@ void ConfigQueue::slice() {
          return;
       }
       const auto & job = *waiting_.front();
-      if ( !job.change->errors.empty() || job.request.checkOnly ) {
+      if ( !job.change->errors.empty() ) {
          finish( { job.change->errors, 0 } );
+      } else if ( !crossCheck_ ) {
+         crossCheck_ = std::make_unique<CrossCheck>( entityManager_, job.change );
+      } else if ( crossCheck_->step() ) {
+         continue;
+      } else if ( !crossCheck_->errors().empty() || job.request.checkOnly ) {
+         finish( { crossCheck_->errors().lines(), 0 } );
       } else if ( !applier_ ) {
          applier_ = std::make_unique<Applier>( entityManager_, job.change );
       } else if ( !applier_->step() ) {
@@ -111,9 +124,12 @@ void ConfigQueue::slice() {
 
 void ConfigQueue::finish( const ChangeOutcome & outcome ) {
    const auto job = waiting_.front();
+   crossCheck_ = nullptr;
    applier_ = nullptr;
    waiting_.pop_front();
+   --handedOut_;
    checkThread_->push( std::exchange( job->change, nullptr ) );
+   handOut();
    // Taken out: the checker thread may be the last to let go of the job, and what `done` holds is this
    // thread's.
    const auto done = std::exchange( job->done, {} );

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/Applier.h"
+#include "host/CrossCheck.h"
 #include "host/Document.h"
 #include "platform/EventLoop.h"
 #include "platform/EventMpmcQueue.h"
@@ -19,8 +20,8 @@ struct ChangeOutcome {
 };
 
 /// The one way into the configuration, for documents and single changes alike. Requests are checked whole on
-/// a thread of its own, in their order, and then applied on the main loop, one at a time and in slices: no
-/// document, however large or wrong, holds the main loop.
+/// a thread of its own, in their order, and then held against the state and applied on the main loop, one at
+/// a time and in slices: no document, however large or wrong, holds the main loop.
 ///
 /// Main thread, as all of its callbacks.
 class ConfigQueue : public platform::RefCounted {
@@ -43,6 +44,11 @@ class ConfigQueue : public platform::RefCounted {
  private:
    class CheckThread;
    struct Job;
+   // At most so many are checked, or wait checked, at a time: a small document may unfold into a large
+   // change.
+   static constexpr std::size_t maxChecked = 2;
+
+   void handOut();
    void checked();
    void slice();
    void finish( const ChangeOutcome & outcome );
@@ -52,7 +58,9 @@ class ConfigQueue : public platform::RefCounted {
    platform::Ptr<CheckThread> checkThread_;
    platform::Ptr<platform::Task> task_;
    std::deque<platform::Ptr<Job>> waiting_; // in the order of submission; the front is applied
-   std::unique_ptr<Applier> applier_;       // of the front, once it is checked
+   std::size_t handedOut_ = 0;              // of them, to the checker thread
+   std::unique_ptr<CrossCheck> crossCheck_; // of the front, once it is checked by itself
+   std::unique_ptr<Applier> applier_;       // of the front, once it is checked against the state
 };
 
 } // namespace host

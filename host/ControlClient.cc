@@ -15,7 +15,10 @@ namespace host {
 
 using namespace platform;
 
-ControlClient::ControlClient( ControlServer & server, int fd ) : server_( &server ), fd_( fd ) {
+ControlClient::ControlClient( ControlServer & server, int fd )
+      : server_( &server ),
+        fd_( fd ),
+        activeAt_( server.now() ) {
    auto * base = server.services().mainLoop->base();
    readEvent_ = event_new(
          base, fd, EV_READ | EV_PERSIST,
@@ -73,6 +76,10 @@ bool ControlClient::hasWork() const {
       return !in_.empty() || documentMissing_ == 0 || inputEnded_;
    }
    return lineWaits() || inputEnded_ || in_.size() >= control::maxRequestBytes;
+}
+
+bool ControlClient::requestUnderWay() const {
+   return answer_ || documentRequest_ || lineWaits() || out_.size() > outSent_;
 }
 
 void ControlClient::turn() {
@@ -175,7 +182,7 @@ void ControlClient::readable() {
       }
       return;
    }
-   activity_ = ++server_->activity_;
+   activeAt_ = server_->now();
    if ( size == 0 ) {
       inputEnded_ = true;
    } else {
@@ -197,8 +204,13 @@ void ControlClient::writable() {
       }
       return;
    }
-   activity_ = ++server_->activity_;
+   activeAt_ = server_->now();
    outSent_ += static_cast<std::size_t>( size );
+   if ( outSent_ >= outputHighWater ) {
+      // Seldom, for it moves what is left; but a client that never takes all of it must not make it grow.
+      out_.erase( 0, outSent_ );
+      outSent_ = 0;
+   }
    if ( outSent_ == out_.size() ) {
       out_.clear();
       outSent_ = 0;

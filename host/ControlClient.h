@@ -49,12 +49,16 @@ class ControlClient : public platform::RefCounted {
    void eventsUpdate();
    void requestBegin();
    void documentGrow();
+   /// A request that is being read in or answered, or an answer that is not sent yet.
+   bool requestUnderWay() const;
+   /// The rest of a document, or an answer to be taken: it is the client's move.
+   bool awaited() const { return documentRequest_ || closing_ || out_.size() > outSent_; }
    bool lineWaits() const { return in_.find( '\n' ) != in_.npos; }
    bool outputFull() const { return out_.size() - outSent_ >= outputHighWater; }
 
    static constexpr std::size_t outputHighWater = 64 * 1024;
 
-   ControlServer * server_; // cleared by close()
+   ControlServer * server_; // may be gone once this is closed
    int fd_;
    event * readEvent_;
    event * writeEvent_;
@@ -62,12 +66,12 @@ class ControlClient : public platform::RefCounted {
    bool writing_ = false;
    bool turnWaits_ = false; // in the server's list of turns
    bool inputEnded_ = false;
-   bool closing_ = false;       // once the output is sent
-   std::uint64_t activity_ = 0; // the server's count at the last byte of either direction
+   bool closing_ = false;                // once the output is sent
+   platform::Clock::TimePoint activeAt_; // the last byte of either direction
 
    std::string in_;
    std::string out_;
-   std::size_t outSent_ = 0;
+   std::size_t outSent_ = 0; // of out_, below outputHighWater
 
    // A request whose document is still coming in.
    std::optional<ChangeRequest> documentRequest_;
@@ -93,6 +97,7 @@ std::unique_ptr<Answer> changeAnswer(
       ControlClient & client, ChangeRequest request, std::shared_ptr<void> share );
 std::unique_ptr<Answer> watchAnswer( ControlClient & client, const std::string & path, bool initial );
 
+std::unique_ptr<Answer> refusedAnswer( const std::string & reason );
 std::string refusedLine( const std::vector<std::string> & reasons );
 
 } // namespace host

@@ -1,7 +1,9 @@
 #include "host/ControlClient.h"
 
+#include "host/ControlLines.h"
 #include "host/ControlProtocol.h"
 #include "host/ControlQueries.h"
+#include "host/ControlRun.h"
 #include "host/HostStatus.h"
 #include "host/StateWriter.h"
 
@@ -23,10 +25,6 @@ struct BadRequest {
    std::string reason;
 };
 
-std::string line( const Json & json ) {
-   return json.dump( -1, ' ', false, Json::error_handler_t::replace ) + "\n";
-}
-
 class ReadyAnswer final : public Answer {
  public:
    explicit ReadyAnswer( std::string text ) : text_( std::move( text ) ) {}
@@ -39,10 +37,6 @@ class ReadyAnswer final : public Answer {
    const std::string text_;
 };
 
-std::unique_ptr<Answer> refused( const std::string & reason ) {
-   return std::make_unique<ReadyAnswer>( refusedLine( { reason } ) );
-}
-
 class GetAnswer final : public Answer {
  public:
    GetAnswer( StateWriter::Format format, std::vector<StateWriter::Section> sections )
@@ -54,9 +48,9 @@ class GetAnswer final : public Answer {
       while ( more && piece.size() < pieceBytes ) {
          more = writer_.write( piece );
       }
-      out += line( { { "text", piece } } );
+      out += textLine( piece );
       if ( !more ) {
-         out += line( { { "done", true } } );
+         out += doneLine();
       }
       return more;
    }
@@ -75,7 +69,7 @@ class ChangeAnswer final : public Answer {
    bool ready() const override { return result_->outcome.has_value(); }
    bool produce( std::string & out ) override {
       const auto & outcome = *result_->outcome;
-      out += outcome.errors.empty() ? line( { { "done", true }, { "changes", outcome.changes } } )
+      out += outcome.errors.empty() ? jsonLine( { { "done", true }, { "changes", outcome.changes } } )
                                     : refusedLine( outcome.errors );
       return false;
    }
@@ -147,14 +141,19 @@ void get( ControlClient & client, const Json & json, ControlRequest & request ) 
    }
    services.statusRefresh();
    std::vector<StateWriter::Section> sections;
+   bool aboveRoots = false;
    for ( const auto & root : services.schema->roots() ) {
-      if ( pathIsAtOrBelow( root.path, path ) && ( root.outsideWrites || !configurationOnly ) ) {
+      if ( !pathIsAtOrBelow( root.path, path ) ) {
+         continue;
+      }
+      aboveRoots = true;
+      if ( root.outsideWrites || !configurationOnly ) {
          SchemaPlace place{ root.path };
          place.type = root.type;
          sections.push_back( { place, services.entityManager->entity( root.path ) } );
       }
    }
-   if ( sections.empty() ) {
+   if ( !aboveRoots ) {
       SchemaPlace place;
       if ( const auto refusal = services.schema->resolve( path, place ) ) {
          throw BadRequest{ *refusal };
@@ -169,6 +168,9 @@ void get( ControlClient & client, const Json & json, ControlRequest & request ) 
       if ( place.outsideWrites || !configurationOnly ) {
          sections.push_back( { place, entity } );
       }
+   }
+   if ( sections.empty() ) {
+      throw BadRequest{ path + ": holds no configuration" };
    }
    request.answer = std::make_unique<GetAnswer>(
          format == "json" ? StateWriter::Format::json : StateWriter::Format::yaml, std::move( sections ) );
@@ -195,9 +197,21 @@ void watch( ControlClient & client, const Json & json, ControlRequest & request 
 
 void cleanState( ControlClient & client, const Json &, ControlRequest & request ) {
    const auto message = client.server().services().cleanState();
-   request.answer = message.empty() ? std::make_unique<ReadyAnswer>(
-                                            line( { { "text", "clean\n" } } ) + line( { { "done", true } } ) )
-                                    : refused( message );
+   request.answer = message.empty() ? std::make_unique<ReadyAnswer>( textLine( "clean\n" ) + doneLine() )
+                                    : refusedAnswer( message );
+}
+
+void run( ControlClient & client, const Json & json, ControlRequest & request ) {
+   const auto format = textMember( json, "format", true );
+   if ( !format.empty() && format != "text" && format != "json" ) {
+      throw BadRequest{ "\"format\" of the request is neither \"text\" nor \"json\"" };
+   }
+   request.answer = runAnswer( client, textMember( json, "text" ), format == "json" );
+}
+
+void agentCommands( ControlClient & client, const Json &, ControlRequest & request ) {
+   const auto & directory = *client.server().services().commandDirectory;
+   request.answer = std::make_unique<ReadyAnswer>( commandsLine( directory ) + doneLine() );
 }
 
 void complete( ControlClient & client, const Json & json, ControlRequest & request ) {
@@ -216,9 +230,11 @@ using Command = void ( * )( ControlClient &, const Json &, ControlRequest & );
 const std::map<std::string, Command, std::less<>> commands{
       { "apply", apply },
       { "clean-state", cleanState },
+      { "commands", agentCommands },
       { "complete", complete },
       { "del", del },
       { "get", get },
+      { "run", run },
       { "set", set },
       { "trace", trace },
       { "watch", watch },
@@ -227,14 +243,18 @@ const std::map<std::string, Command, std::less<>> commands{
 } // namespace
 
 std::string refusedLine( const std::vector<std::string> & reasons ) {
-   return line( { { "refused", reasons } } );
+   return jsonLine( { { "refused", reasons } } );
+}
+
+std::unique_ptr<Answer> refusedAnswer( const std::string & reason ) {
+   return std::make_unique<ReadyAnswer>( refusedLine( { reason } ) );
 }
 
 std::unique_ptr<Answer> changeAnswer(
       ControlClient & client, ChangeRequest request, std::shared_ptr<void> share ) {
    const auto & services = client.server().services();
    if ( services.configQueue->full() ) {
-      return refused( "too many changes are waiting" );
+      return refusedAnswer( "too many changes are waiting" );
    }
    const auto result = std::make_shared<ChangeAnswer::Result>();
    const bool checkOnly = request.checkOnly;
@@ -267,7 +287,7 @@ ControlRequest controlRequest( ControlClient & client, std::string_view text ) {
       }
       command->second( client, json, request );
    } catch ( const BadRequest & bad ) {
-      request.answer = refused( bad.reason );
+      request.answer = refusedAnswer( bad.reason );
       request.change.reset();
    }
    return request;

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-/// Limits of the control protocol (docs/control-protocol.md), for both of its sides.
+/// What the host takes of a request (docs/control-protocol.md).
 namespace control {
 
 /// A request is one line of JSON, the newline included.

@@ -1,5 +1,6 @@
 #include "host/ControlQueries.h"
 
+#include "host/ControlLines.h"
 #include "platform/Printable.h"
 #include "platform/Trace.h"
 
@@ -16,12 +17,6 @@ using namespace platform;
 namespace {
 
 using Json = nlohmann::json;
-
-const char * const doneLine = "{\"done\":true}\n";
-
-std::string line( const Json & json ) {
-   return json.dump( -1, ' ', false, Json::error_handler_t::replace ) + "\n";
-}
 
 const char * kindName( const AttributeInfo & attribute ) {
    return attribute.scalar()  ? "scalar"
@@ -82,7 +77,7 @@ class CompletionAnswer final : public Answer {
       if ( more_ ) {
          answer["more"] = true;
       }
-      out += line( answer ) + doneLine;
+      out += jsonLine( answer ) + doneLine();
       return false;
    }
 
@@ -125,7 +120,7 @@ std::string traceTable() {
       text += fmt::format( "{:{}}  {}\n", printable( facility->name() ), width, levels );
       byName[facility->name()] = levels;
    }
-   return line( { { "text", text }, { "facilities", byName } } ) + doneLine;
+   return jsonLine( { { "text", text }, { "facilities", byName } } ) + doneLine();
 }
 
 std::string traceLevelsIs( const std::string & name, const std::string & levelsText ) {
@@ -145,7 +140,7 @@ std::string traceLevelsIs( const std::string & name, const std::string & levelsT
             printable( levelsText.substr( 0, 64 ) ) ) } );
    }
    ( *facility )->levelsIs( *levels );
-   return doneLine;
+   return doneLine();
 }
 
 std::unique_ptr<Answer> completionAnswer( const ControlServices & services, const std::string & path,

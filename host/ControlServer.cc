@@ -45,15 +45,17 @@ void ControlServer::accept() {
          }
          return;
       }
+      if ( !roomMake() ) {
+         // A socket that is new takes a line at once.
+         const auto line = refusedLine( { "too many clients, and all of them have a request under way" } );
+         [[maybe_unused]] const auto sent = ::send( fd, line.data(), line.size(), MSG_NOSIGNAL );
+         ::close( fd );
+         continue;
+      }
       const Ptr<ControlClient> client = new ControlClient( *this, fd );
-      const bool room = roomMake();
       clients_.push_back( client );
-      client->activity_ = ++activity_;
       services_.clientCountChanged( clients_.size() );
       client->start();
-      if ( !room ) {
-         client->refuseAndClose( "too many clients" );
-      }
    }
 }
 
@@ -61,17 +63,25 @@ bool ControlServer::roomMake() {
    if ( clients_.size() < maxClients ) {
       return true;
    }
-   Ptr<ControlClient> silent;
-   for ( const auto & client : clients_ ) {
-      const bool watching = client->answer_ && client->answer_->endless();
-      if ( ( !watching || client->outputFull() ) && ( !silent || client->activity_ < silent->activity_ ) ) {
-         silent = client;
+   const auto longestSilent = [this]( const auto & mayLeave ) {
+      Ptr<ControlClient> found;
+      for ( const auto & client : clients_ ) {
+         if ( mayLeave( *client ) && ( !found || client->activeAt_ < found->activeAt_ ) ) {
+            found = client;
+         }
       }
+      return found;
+   };
+   auto leaving = longestSilent( []( const auto & client ) { return !client.requestUnderWay(); } );
+   if ( !leaving ) {
+      const auto longAgo = now() - patience;
+      leaving = longestSilent(
+            [longAgo]( const auto & client ) { return client.awaited() && client.activeAt_ <= longAgo; } );
    }
-   if ( silent ) {
-      silent->close();
+   if ( leaving ) {
+      leaving->close();
    }
-   return silent != nullptr;
+   return leaving != nullptr;
 }
 
 bool ControlServer::documentRoomMake( const ControlClient & client, std::size_t bytes ) {
@@ -79,7 +89,7 @@ bool ControlServer::documentRoomMake( const ControlClient & client, std::size_t 
       Ptr<ControlClient> slowest;
       for ( const auto & each : clients_ ) {
          if ( each.get() != &client && each->documentRequest_ &&
-               ( !slowest || each->activity_ < slowest->activity_ ) ) {
+               ( !slowest || each->activeAt_ < slowest->activeAt_ ) ) {
             slowest = each;
          }
       }

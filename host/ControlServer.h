@@ -3,6 +3,7 @@
 #include "host/ChangeFeed.h"
 #include "host/ConfigQueue.h"
 #include "host/Schema.h"
+#include "platform/CommandCallback.h"
 #include "platform/EventLoop.h"
 #include "platform/Task.h"
 
@@ -19,10 +20,12 @@ class ControlClient;
 struct ControlServices {
    platform::Ptr<platform::EventLoop> mainLoop;
    platform::Ptr<platform::TaskScheduler> scheduler;
+   const platform::Clock * clock = &platform::Clock::steady();
    platform::Ptr<platform::EntityManager> entityManager;
    std::shared_ptr<const Schema> schema;
    platform::Ptr<ConfigQueue> configQueue;
    platform::Ptr<ChangeFeed> changeFeed;
+   platform::Ptr<platform::CommandRequestDirectory> commandDirectory;      // of the agent
    std::function<void()> statusRefresh = [] {};                            // before state is read
    std::function<std::string()> cleanState = [] { return std::string{}; }; // of the agent; empty: clean
    std::function<void( std::size_t )> clientCountChanged = []( std::size_t ) {};
@@ -37,6 +40,8 @@ struct ControlServices {
 class ControlServer : public platform::RefCounted {
  public:
    static constexpr std::size_t maxClients = 64;
+   /// A client that has kept the host waiting for so long, in the middle of a request, counts as idle.
+   static constexpr platform::Clock::Duration patience = std::chrono::seconds( 30 );
    /// Of documents that are being received or wait to be checked, of all clients together.
    static constexpr std::size_t maxPendingDocumentBytes = 64u << 20;
 
@@ -55,9 +60,10 @@ class ControlServer : public platform::RefCounted {
    void turnIs( const platform::Ptr<ControlClient> & client ); // has something to do
    void turns();
    void clientDel( ControlClient & client );
-   /// Makes room for one client more by closing the one that has been silent for longest. False: all are
-   /// watching.
-   bool roomMake();
+   /// Makes room for one client more at the expense of an idle one, the longest silent first. False: none is
+   /// idle.
+   [[nodiscard]] bool roomMake();
+   platform::Clock::TimePoint now() const { return services_.clock->now(); }
    /// Makes room for `bytes` of a document of `client`, at the expense of the slowest sender if need be.
    bool documentRoomMake( const ControlClient & client, std::size_t bytes );
 
@@ -68,7 +74,6 @@ class ControlServer : public platform::RefCounted {
    platform::Ptr<platform::Task> turnTask_;
    std::vector<platform::Ptr<ControlClient>> clients_;
    std::deque<platform::Ptr<ControlClient>> turns_; // in the order of their turns
-   std::uint64_t activity_ = 0;
    const std::shared_ptr<std::size_t> pendingDocumentBytes_ = std::make_shared<std::size_t>( 0 );
 };
 

@@ -66,7 +66,7 @@ std::optional<std::string> ControlSocket::open( const std::string & path ) {
       return fmt::format( "cannot make the directory {}: {}", directory.string(), error.message() );
    }
    const auto lockPath = path + ".lock";
-   lockFd_ = ::open( lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600 );
+   lockFd_ = ::open( lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600 );
    if ( lockFd_ < 0 ) {
       return failed( "cannot open " + lockPath );
    }

@@ -2,8 +2,6 @@
 
 #include "host/StateWriter.h"
 
-#include <algorithm>
-
 #include <fmt/format.h>
 
 namespace host {
@@ -12,11 +10,14 @@ using namespace platform;
 
 namespace {
 
-/// The present state below some places as the lines that would have told of it, in pieces.
+/// The present state below some places as the lines that would have told of it, in pieces. An entry that goes
+/// between two of them is told to its end, under the path that it had.
 class StateLines {
  public:
-   void add( const Ptr<Entity> & entity, const AttributeInfo * only ) {
-      frames_.push_back( { entity, only } );
+   /// All of an entity; or of one attribute; or of that one member.
+   void add( const Ptr<Entity> & entity, std::string path, const AttributeInfo * attribute = nullptr,
+         const std::optional<std::string> & member = std::nullopt ) {
+      frames_.push_back( { entity, std::move( path ), attribute, member } );
    }
 
    /// The next line, or nothing for a step without one; `done` once there are no more.
@@ -29,39 +30,46 @@ class StateLines {
       }
       const auto & attribute = *attributes[frame.index];
       const auto entity = frame.entity;
+      const auto path = frame.path;
       if ( frame.only && frame.only != &attribute ) {
          ++frame.index;
          return {};
       }
       if ( attribute.scalar() ) {
          ++frame.index;
-         return ChangeFeed::valueLine( entity->path(), attribute, *entity );
+         return ChangeFeed::valueLine( path, attribute, *entity );
       }
       if ( const auto * child = attribute.child() ) {
          ++frame.index;
-         add( child->child( *entity ), nullptr );
+         add( child->child( *entity ), path + "/" + attribute.name() );
          return {};
       }
       const auto * keyed = keyedOf( attribute );
-      frame.after = keyed->nextKey( *entity, frame.after );
-      // A key that cannot be read back from its text would lead the walk round and round: it ends there.
-      if ( !frame.after || !keyed->has( *entity, *frame.after ) ) {
+      if ( frame.member ) {
          ++frame.index;
-         frame.after.reset();
+         return keyed->has( *entity, *frame.member )
+                      ? ChangeFeed::entryLine( path, attribute, *frame.member, true )
+                      : std::string{};
+      }
+      frame.after = keyed->nextKey( *entity, frame.after );
+      if ( !frame.after ) {
+         ++frame.index;
          return {};
       }
       const auto key = *frame.after;
       if ( const auto * collection = attribute.collection() ) {
-         add( collection->entry( *entity, key ), nullptr );
+         add( collection->entry( *entity, key ), path + "/" + attribute.name() + "/" + pathEscape( key ) );
       }
-      return ChangeFeed::entryLine( entity->path(), attribute, key, true );
+      return ChangeFeed::entryLine( path, attribute, key, true );
    }
    bool done() const { return frames_.empty(); }
 
  private:
    struct Frame {
       Ptr<Entity> entity;
-      const AttributeInfo * only = nullptr; // null: all attributes
+      std::string path;
+      const AttributeInfo * only = nullptr;             // null: all attributes
+      std::optional<std::string> member = std::nullopt; // of `only`; none: all
       std::size_t index = 0;
       std::optional<std::string> after = std::nullopt;
    };
@@ -82,14 +90,14 @@ class WatchAnswer final : public Answer {
          SchemaPlace place;
          if ( !services.schema->resolve( path, place ) ) {
             if ( const auto entity = entityAt( *services.entityManager, place ) ) {
-               present_.add( entity, place.attribute );
+               present_.add( entity, place.entityPath(), place.attribute, place.member );
             }
             return;
          }
          const auto & roots = services.schema->roots();
          for ( auto root = roots.rbegin(); root != roots.rend(); ++root ) {
             if ( pathIsAtOrBelow( root->path, path ) ) {
-               present_.add( services.entityManager->entity( root->path ), nullptr );
+               present_.add( services.entityManager->entity( root->path ), root->path );
             }
          }
       }

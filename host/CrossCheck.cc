@@ -1,16 +1,14 @@
-#include "host/Document.h"
-
-#include "platform/IpGenAddr.h"
+#include "host/CrossCheck.h"
 
 #include <algorithm>
-#include <map>
-#include <unordered_set>
+#include <utility>
 
 #include <fmt/format.h>
 
 namespace host {
 
 using namespace platform;
+using namespace HmState;
 
 namespace {
 
@@ -23,117 +21,298 @@ constexpr std::size_t maxServers = 16'383;
 constexpr std::size_t maxHostBytes = 12 * 1024 * 1024;
 constexpr std::size_t hostBytesBesidesName = 64;
 
-const AttributeContent * attributeOf( const EntityContent & content, std::string_view name ) {
+const AttributeContent nothingSaid{};
+
+const AttributeContent * attributeOf( const EntityContent & content, const AttributeInfo & attribute ) {
    const auto found = std::ranges::find_if(
-         content.attributes, [&]( const auto & each ) { return each.attribute->name() == name; } );
+         content.attributes, [&]( const auto & each ) { return each.attribute == &attribute; } );
    return found == content.attributes.end() ? nullptr : &*found;
+}
+
+// What a section says of all entries of a collection of its root; null when it does not speak of them all.
+const AttributeContent * allOf( const ChangeSection & section, const AttributeInfo & collection ) {
+   if ( !section.place.steps.empty() ) {
+      return nullptr;
+   }
+   if ( section.kind == ChangeSection::Kind::entity ) {
+      const auto * said = attributeOf( section.entity, collection );
+      return said ? said : &nothingSaid;
+   }
+   const bool named =
+         section.kind == ChangeSection::Kind::attribute && section.place.attribute == &collection;
+   return named ? &section.attribute : nullptr;
 }
 
 const char * familyName( const IpGenAddr & address ) {
    return address.isIpv4() ? "IPv4" : "IPv6";
 }
 
-class CrossChecker {
- public:
-   // The same group may be named by a path that ends at it or at any depth above.
-   void section( const ChangeSection & section ) {
-      const auto & place = section.place;
-      const bool servers = place.root == serverConfigPath;
-      if ( !servers && place.root != probeConfigPath ) {
-         return;
-      }
-      const auto collection = servers ? "nhgConfig" : "nhgProbeConfig";
-      const bool group = place.steps.size() == 1 && place.steps[0].attribute->name() == collection;
-      if ( section.kind == ChangeSection::Kind::attribute ) {
-         if ( group ) {
-            groupAttribute( place.steps[0].key, section.attribute );
-         } else if ( place.steps.empty() && place.attribute->name() == collection ) {
-            groups( section.attribute );
-         }
-      } else if ( group ) {
-         groupContent( place.steps[0].key, section.entity );
-      } else if ( place.steps.empty() ) {
-         if ( const auto * all = attributeOf( section.entity, collection ) ) {
-            groups( *all );
-         }
-      }
-   }
-
-   std::vector<YamlError> finish() {
-      for ( const auto & [name, vip] : vips_ ) {
-         const auto servers = families_.find( name );
-         if ( servers != families_.end() && servers->second.family() != vip.first.family() ) {
-            errors_.push_back(
-                  { vip.second, fmt::format( "{}/nhgProbeConfig/{}: vip: {} is {}, the servers of the "
-                                             "group are {}: they cannot be probed through it",
-                                      probeConfigPath, pathEscape( name ), vip.first, familyName( vip.first ),
-                                      familyName( servers->second ) ) } );
-         }
-      }
-      if ( servers_.size() > maxServers ) {
-         errors_.push_back( { 0, fmt::format( "{}: names {} different servers, {} can be probed",
-                                       serverConfigPath, servers_.size(), maxServers ) } );
-      }
-      if ( hostBytes_ > maxHostBytes ) {
-         errors_.push_back(
-               { 0, fmt::format( "{}: its groups have too many members together, or too long names",
-                          serverConfigPath ) } );
-      }
-      return std::move( errors_ );
-   }
-
- private:
-   void groups( const AttributeContent & all ) {
-      for ( std::size_t i = 0; i < all.keys.size(); ++i ) {
-         groupContent( all.keys[i], all.entries[i] );
-      }
-   }
-   void groupContent( const std::string & name, const EntityContent & content ) {
-      for ( const auto & attribute : content.attributes ) {
-         groupAttribute( name, attribute );
-      }
-   }
-   void groupAttribute( const std::string & name, const AttributeContent & content ) {
-      if ( content.attribute->name() == "vip" ) {
-         if ( const auto vip = IpGenAddr::fromText( content.text ) ) {
-            vips_[name] = { *vip, content.line };
-         }
-         return;
-      }
-      if ( content.attribute->name() != "serverIp" ) {
-         return;
-      }
-      for ( const auto & key : content.keys ) {
-         const auto server = IpGenAddr::fromText( key ).value_or( IpGenAddr{} );
-         servers_.insert( server );
-         hostBytes_ += 2 * ( name.size() + hostBytesBesidesName );
-         const auto [first, fresh] = families_.emplace( name, server );
-         if ( !fresh && first->second.family() != server.family() ) {
-            errors_.push_back( { content.line,
-                  fmt::format( "{}/nhgConfig/{}: serverIp: {} is {}, {} of the same group is {}: one "
-                               "group is probed over one family",
-                        serverConfigPath, pathEscape( name ), server, familyName( server ), first->second,
-                        familyName( first->second ) ) } );
-            return;
-         }
-      }
-   }
-
-   std::map<std::string, IpGenAddr> families_;                     // a server of each group
-   std::map<std::string, std::pair<IpGenAddr, std::size_t>> vips_; // of each group, with its line
-   std::unordered_set<IpGenAddr> servers_;
-   std::size_t hostBytes_ = 0; // of the engine's names, over all groups and both kinds of check
-   std::vector<YamlError> errors_;
-};
-
 } // namespace
 
-std::vector<YamlError> crossCheck( const std::vector<ChangeSection> & sections ) {
-   CrossChecker checker;
-   for ( const auto & section : sections ) {
-      checker.section( section );
+CrossCheck::CrossCheck( const Ptr<EntityManager> & entityManager, Ptr<CheckedChange> change )
+      : serverConfig_( dynamicPtrCast<ServerConfig>( entityManager->entity( serverConfigPath ) ) ),
+        probeConfig_( dynamicPtrCast<ProbeConfig>( entityManager->entity( probeConfigPath ) ) ),
+        change_( std::move( change ) ),
+        errors_( change_->source ) {}
+
+bool CrossCheck::step() {
+   switch ( phase_ ) {
+   case Phase::change:
+      changeStep();
+      return true;
+   case Phase::presentServers:
+      presentServersStep();
+      return true;
+   case Phase::presentSettings:
+      presentSettingsStep();
+      return true;
+   case Phase::groups:
+      groupStep();
+      return true;
+   case Phase::addresses:
+      addressesStep();
+      return true;
+   case Phase::release:
+      break;
    }
-   return checker.finish();
+   // One at a time as well: there may be hundreds of thousands.
+   if ( !groups_.empty() ) {
+      groups_.erase( groups_.begin() );
+   }
+   return !groups_.empty();
+}
+
+// What goes leaves nothing behind that could not be probed before: removals need no check.
+void CrossCheck::changeStep() {
+   if ( section_ == change_->sections.size() ) {
+      if ( !concerned_ || !serverConfig_ || !probeConfig_ ) {
+         phase_ = Phase::release;
+         return;
+      }
+      phase_ = Phase::presentServers;
+      presentServers_ = serverConfig_->nhgConfigItems().begin();
+      presentSettings_ = probeConfig_->nhgProbeConfigItems().begin();
+      return;
+   }
+   const auto & section = change_->sections[section_];
+   const auto & place = section.place;
+   const bool ofServers = place.root == serverConfigPath;
+   if ( section.kind == ChangeSection::Kind::remove || !( ofServers || place.root == probeConfigPath ) ) {
+      ++section_;
+      return;
+   }
+   const AttributeInfo & collection =
+         ofServers ? ServerConfig::nhgConfigAttr().info : ProbeConfig::nhgProbeConfigAttr().info;
+   const AttributeInfo & globalUrl = ProbeConfig::globalUrlAttr();
+   if ( const auto * all = allOf( section, collection ) ) {
+      if ( entry_ < all->keys.size() ) {
+         groupSaid( ofServers, all->keys[entry_], all->entries[entry_] );
+         ++entry_;
+         return;
+      }
+      entry_ = 0;
+      concerned_ = true;
+      ( ofServers ? serversReplaced_ : settingsReplaced_ ) = true;
+      if ( !ofServers && section.kind == ChangeSection::Kind::entity ) {
+         const auto * said = attributeOf( section.entity, globalUrl );
+         globalUrl_ = said && !said->text.empty();
+      }
+   } else if ( place.steps.empty() ) {
+      if ( section.kind == ChangeSection::Kind::attribute && place.attribute == &globalUrl ) {
+         concerned_ = true;
+         globalUrl_ = !section.attribute.text.empty();
+      }
+   } else if ( place.steps.size() == 1 && place.steps[0].attribute == &collection ) {
+      const auto & name = place.steps[0].key;
+      if ( section.kind == ChangeSection::Kind::entity ) {
+         groupSaid( ofServers, name, section.entity );
+      } else if ( section.kind == ChangeSection::Kind::attribute ) {
+         settingSaid( groups_[name], section.attribute );
+      } else if ( ofServers ) {
+         concerned_ = true;
+         groups_[name].added = IpGenAddr::fromText( section.key ).value_or( IpGenAddr{} );
+      }
+   }
+   ++section_;
+}
+
+void CrossCheck::groupSaid( bool ofServers, const std::string & name, const EntityContent & content ) {
+   Group & group = groups_[name];
+   concerned_ = true;
+   if ( ofServers ) {
+      group.servers = &nothingSaid;
+   } else {
+      group.http = group.tcp = false;
+      group.vip = IpGenAddr{};
+   }
+   for ( const auto & each : content.attributes ) {
+      settingSaid( group, each );
+   }
+}
+
+void CrossCheck::settingSaid( Group & group, const AttributeContent & content ) {
+   if ( content.attribute == &NexthopGroupConfig::serverIpAttr().info ) {
+      group.servers = &content;
+   } else if ( content.attribute == &NexthopGroupProbeConfig::httpUrlAttr().info ) {
+      group.http = !content.text.empty();
+   } else if ( content.attribute == &NexthopGroupProbeConfig::tcpUrlAttr().info ) {
+      group.tcp = !content.text.empty();
+   } else if ( content.attribute == &NexthopGroupProbeConfig::vipAttr().info ) {
+      group.vip = IpGenAddr::fromText( content.text ).value_or( IpGenAddr{} );
+      group.vipLine = content.line;
+   } else {
+      return;
+   }
+   concerned_ = true;
+}
+
+void CrossCheck::presentServersStep() {
+   if ( serversReplaced_ || presentServers_ == std::default_sentinel ) {
+      phase_ = Phase::presentSettings;
+      return;
+   }
+   Group & group = groups_[presentServers_->key];
+   if ( !group.servers ) {
+      group.present = presentServers_->value;
+   }
+   ++presentServers_;
+}
+
+void CrossCheck::presentSettingsStep() {
+   if ( settingsReplaced_ || presentSettings_ == std::default_sentinel ) {
+      if ( !globalUrl_ ) {
+         globalUrl_ = !probeConfig_->globalUrl().empty();
+      }
+      phase_ = Phase::groups;
+      group_ = groups_.begin();
+      return;
+   }
+   Group & group = groups_[presentSettings_->key];
+   const auto & settings = *presentSettings_->value;
+   group.http = group.http.value_or( !settings.httpUrl().empty() );
+   group.tcp = group.tcp.value_or( !settings.tcpUrl().empty() );
+   group.vip = group.vip.value_or( settings.vip() );
+   ++presentSettings_;
+}
+
+// The servers of the group one after the other: those of the change, or those that stand and the one that is
+// added.
+std::optional<IpGenAddr> CrossCheck::serverNext( const Group & group ) {
+   if ( group.servers ) {
+      return member_ == group.servers->keys.size() ? std::nullopt
+                                                   : IpGenAddr::fromText( group.servers->keys[member_++] );
+   }
+   if ( group.present ) {
+      for ( const auto & item : group.present->serverIpItems().after( after_ ) ) {
+         return after_ = item.key;
+      }
+   }
+   return group.added.empty() || std::exchange( addedGiven_, true ) ? std::nullopt
+                                                                    : std::optional( group.added );
+}
+
+// One server of a group that the change says, or the end of a group. Of servers that stand the first speaks
+// for all.
+void CrossCheck::groupStep() {
+   if ( group_ == groups_.end() ) {
+      groupsEnd();
+      return;
+   }
+   const auto & [name, group] = *group_;
+   if ( group.servers ) {
+      if ( const auto server = serverNext( group ); server && ofOneFamily( name, group, *server ) ) {
+         return;
+      }
+   } else {
+      const bool stands = group.present && group.present->serverIpCount() != 0;
+      first_ = stands ? group.present->serverIpItems().begin()->key : group.added;
+      if ( !group.added.empty() ) {
+         (void)ofOneFamily( name, group, group.added );
+      }
+   }
+   groupEnd( name, group );
+   groupNext();
+   first_ = {};
+}
+
+bool CrossCheck::ofOneFamily( const std::string & name, const Group & group, const IpGenAddr & server ) {
+   if ( first_.empty() ) {
+      first_ = server;
+   }
+   if ( server.family() == first_.family() ) {
+      return true;
+   }
+   errors_.add( group.servers ? group.servers->line : 0,
+         fmt::format( "{}/nhgConfig/{}", serverConfigPath, pathEscape( name ) ), "serverIp",
+         fmt::format( "{} is {}, {} of the same group is {}: one group is probed over one family", server,
+               familyName( server ), first_, familyName( first_ ) ) );
+   return false;
+}
+
+void CrossCheck::groupNext() {
+   ++group_;
+   member_ = 0;
+   after_ = {};
+   addedGiven_ = false;
+}
+
+void CrossCheck::groupEnd( const std::string & name, const Group & group ) {
+   const auto vip = group.vip.value_or( IpGenAddr{} );
+   if ( !vip.empty() && !first_.empty() && vip.family() != first_.family() ) {
+      errors_.add( group.vipLine != 0 ? group.vipLine
+                   : group.servers    ? group.servers->line
+                                      : 0,
+            fmt::format( "{}/nhgProbeConfig/{}", probeConfigPath, pathEscape( name ) ), "vip",
+            fmt::format( "{} is {}, the servers of the group are {}: they cannot be probed through it", vip,
+                  familyName( vip ), familyName( first_ ) ) );
+   }
+   if ( const auto checks = checksAServer( group ) ) {
+      const auto count = group.servers ? group.servers->keys.size()
+                                       : ( group.present ? group.present->serverIpCount() : 0 ) +
+                                               ( group.added.empty() ? 0 : 1 );
+      members_ += count;
+      hostBytes_ += count * checks * ( name.size() + hostBytesBesidesName );
+   }
+}
+
+// A group without a URL of its own is checked by the global one.
+unsigned CrossCheck::checksAServer( const Group & group ) const {
+   const bool tcp = group.tcp.value_or( false );
+   const bool http = group.http.value_or( false ) || ( *globalUrl_ && !tcp );
+   return ( http ? 1 : 0 ) + ( tcp ? 1 : 0 );
+}
+
+void CrossCheck::groupsEnd() {
+   if ( hostBytes_ > maxHostBytes ) {
+      errors_.add( 0, serverConfigPath, {},
+            "the groups that have a URL have too many members together, or too long names" );
+   } else if ( members_ > maxServers ) {
+      // Only now it takes a look at every server, for one may be a member of many groups.
+      phase_ = Phase::addresses;
+      group_ = groups_.begin();
+      return;
+   }
+   phase_ = Phase::release;
+}
+
+void CrossCheck::addressesStep() {
+   if ( group_ == groups_.end() || servers_.size() > maxServers ) {
+      if ( servers_.size() > maxServers ) {
+         errors_.add( 0, serverConfigPath, {},
+               fmt::format(
+                     "the groups that have a URL have more than {} different servers; no more can be probed",
+                     maxServers ) );
+      }
+      phase_ = Phase::release;
+      return;
+   }
+   const auto & group = group_->second;
+   const auto server = checksAServer( group ) != 0 ? serverNext( group ) : std::nullopt;
+   if ( server ) {
+      servers_.insert( *server );
+      return;
+   }
+   groupNext();
 }
 
 } // namespace host

@@ -47,34 +47,19 @@ bool isEmpty( const YamlNode & node ) {
 
 class Checker {
  public:
-   Checker( const Schema & schema, std::string source, CheckedChange & change,
-         const YamlDocument::Cancelled & cancelled )
+   Checker( const Schema & schema, CheckedChange & change, const YamlDocument::Cancelled & cancelled )
          : schema_( schema ),
-           source_( std::move( source ) ),
            change_( change ),
+           errors_( change.source ),
            cancelled_( cancelled ) {}
 
    void error( std::size_t line, const std::string & path, const std::string & attribute,
          const std::string & message ) {
-      if ( ++errorCount_ > CheckedChange::maxErrors ) {
-         return;
-      }
-      std::string text = printable( source_ );
-      if ( line != 0 ) {
-         text += fmt::format( ":{}", line );
-      }
-      for ( const auto & part : { path, attribute, message } ) {
-         if ( !part.empty() ) {
-            text += ( text.empty() ? "" : ": " ) + part;
-         }
-      }
-      change_.errors.push_back( text );
+      errors_.add( line, path, attribute, message );
    }
    void finish() {
-      if ( errorCount_ > CheckedChange::maxErrors ) {
-         change_.errors.push_back( fmt::format( "and {} more", errorCount_ - CheckedChange::maxErrors ) );
-      }
-      if ( errorCount_ != 0 ) {
+      change_.errors = errors_.lines();
+      if ( !errors_.empty() ) {
          change_.sections.clear();
       }
    }
@@ -98,11 +83,6 @@ class Checker {
       const auto & items = yaml.root()->items;
       for ( std::size_t i = 0; i + 1 < items.size(); i += 2 ) {
          section( *items[i], *items[i + 1] );
-      }
-      if ( errorCount_ == 0 ) {
-         for ( const auto & each : crossCheck( change_.sections ) ) {
-            error( each.line, {}, {}, each.message );
-         }
       }
    }
 
@@ -377,9 +357,8 @@ class Checker {
    }
 
    const Schema & schema_;
-   const std::string source_;
    CheckedChange & change_;
-   std::size_t errorCount_ = 0;
+   ChangeErrors errors_;
    const YamlDocument::Cancelled & cancelled_;
    std::size_t visits_ = 0;
    std::size_t textBytes_ = 0;
@@ -389,10 +368,36 @@ class Checker {
 
 } // namespace
 
+void ChangeErrors::add( std::size_t line, const std::string & path, const std::string & attribute,
+      const std::string & message ) {
+   if ( ++count_ > maxLines ) {
+      return;
+   }
+   std::string text = printable( source_ );
+   if ( line != 0 ) {
+      text += fmt::format( ":{}", line );
+   }
+   for ( const auto & part : { path, attribute, message } ) {
+      if ( !part.empty() ) {
+         text += ( text.empty() ? "" : ": " ) + part;
+      }
+   }
+   lines_.push_back( std::move( text ) );
+}
+
+std::vector<std::string> ChangeErrors::lines() const {
+   auto lines = lines_;
+   if ( count_ > maxLines ) {
+      lines.push_back( fmt::format( "and {} more", count_ - maxLines ) );
+   }
+   return lines;
+}
+
 Ptr<CheckedChange> checkChange(
       const Schema & schema, const ChangeRequest & request, const YamlDocument::Cancelled & cancelled ) {
    const Ptr<CheckedChange> change = new CheckedChange();
-   Checker checker( schema, request.source, *change, cancelled );
+   change->source = request.source;
+   Checker checker( schema, *change, cancelled );
    switch ( request.kind ) {
    case ChangeRequest::Kind::document:
       checker.document( YamlDocument( request.text, {}, cancelled ) );

@@ -57,22 +57,38 @@ struct ChangeRequest {
    std::string value{};     // set: the value; remove: the key
 };
 
+/// What is wrong with a change, one line each: FILE:LINE: PATH: ATTRIBUTE: what is wrong. Beyond a bound they
+/// are counted only.
+class ChangeErrors {
+ public:
+   static constexpr std::size_t maxLines = 20;
+
+   /// `source`: name of the file; empty: none.
+   explicit ChangeErrors( std::string source ) : source_( std::move( source ) ) {}
+   /// `line` 0, and an empty path or attribute: left out.
+   void add( std::size_t line, const std::string & path, const std::string & attribute,
+         const std::string & message );
+   bool empty() const { return count_ == 0; }
+   std::vector<std::string> lines() const;
+
+ private:
+   const std::string source_;
+   std::size_t count_ = 0;
+   std::vector<std::string> lines_;
+};
+
 /// A change that was checked whole: either what is wrong with it or what to do, in order. Immutable then, and
 /// shared between threads.
 class CheckedChange : public platform::QueueElement {
  public:
-   static constexpr std::size_t maxErrors = 20; // more are counted only
-
-   std::vector<std::string> errors{}; // one line each: FILE:LINE: PATH: ATTRIBUTE: what is wrong
+   std::string source{};
+   std::vector<std::string> errors{}; // as ChangeErrors has them
    std::vector<ChangeSection> sections{};
 };
 
-/// Checks a request against the descriptions alone. Any thread. `cancelled` ends the work early.
+/// Checks a request against the descriptions alone; CrossCheck holds it against the state. Any thread.
+/// `cancelled` ends the work early.
 platform::Ptr<CheckedChange> checkChange(
       const Schema & schema, const ChangeRequest & request, const YamlDocument::Cancelled & cancelled = {} );
-
-/// What the descriptions of single attributes cannot say, between the sections of one change: groups that
-/// could never be probed. Gives line and message.
-std::vector<YamlError> crossCheck( const std::vector<ChangeSection> & sections );
 
 } // namespace host

@@ -3,6 +3,7 @@
 #include "host/AgentLibrary.h"
 #include "host/Applier.h"
 #include "host/ControlProtocol.h"
+#include "platform/Printable.h"
 #include "platform/state/Profile.h"
 #include "platform/Trace.h"
 
@@ -12,7 +13,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include <event2/event.h>
 #include <fmt/format.h>
@@ -37,29 +41,50 @@ void report( const std::string & line ) {
 
 } // namespace
 
-std::optional<std::string> fileRead( const std::string & path, std::size_t maxBytes, std::string & text ) {
-   // Opening a pipe that nobody writes must not block the main loop.
-   const int fd = open( path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK );
-   std::array<char, 64 * 1024> buffer;
-   ssize_t size = fd < 0 ? -1 : 1;
+std::optional<std::string> fileRead( const std::string & path, FileKind kind, std::size_t maxBytes,
+      std::string & text, Clock::Duration patience ) {
    text.clear();
-   while ( size > 0 && text.size() <= maxBytes ) {
-      size = read( fd, buffer.data(), buffer.size() );
+   const auto name = printable( path );
+   const auto failed = [&name] { return fmt::format( "{}: {}", name, std::strerror( errno ) ); };
+   // Opening a pipe that nobody writes must not block; what waits below gives up after a while.
+   const int fd = open( path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY );
+   if ( fd < 0 ) {
+      return failed();
+   }
+   const std::shared_ptr<void> closed( nullptr, [fd]( void * ) { close( fd ); } );
+   struct stat found {};
+   if ( fstat( fd, &found ) != 0 ) {
+      return failed();
+   }
+   const bool waits = !S_ISREG( found.st_mode ) && !S_ISDIR( found.st_mode );
+   if ( waits && kind == FileKind::regular ) {
+      return name + ": is no regular file; what came from a pipe cannot be read again";
+   }
+   std::array<char, 64 * 1024> buffer;
+   while ( text.size() <= maxBytes ) {
+      if ( waits ) {
+         // Before the first byte as well: without a writer a pipe would look like one that has ended.
+         pollfd readable{ fd, POLLIN, 0 };
+         const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>( patience ).count();
+         const int ready = poll( &readable, 1, static_cast<int>( ms ) );
+         if ( ready == 0 ) {
+            return fmt::format( "{}: nothing came for {} s", name, Seconds( patience ).count() );
+         }
+         if ( ready < 0 ) {
+            return failed();
+         }
+      }
+      const auto size = read( fd, buffer.data(), buffer.size() );
+      if ( size == 0 ) {
+         return std::nullopt;
+      }
       if ( size > 0 ) {
          text.append( buffer.data(), static_cast<std::size_t>( size ) );
+      } else if ( errno != EAGAIN && errno != EINTR ) {
+         return failed();
       }
    }
-   const int error = errno;
-   if ( fd >= 0 ) {
-      close( fd );
-   }
-   if ( size < 0 ) {
-      return fmt::format( "{}: {}", path, std::strerror( error ) );
-   }
-   if ( text.size() > maxBytes ) {
-      return fmt::format( "{}: is larger than {} bytes", path, maxBytes );
-   }
-   return std::nullopt;
+   return fmt::format( "{}: is larger than {} bytes", name, maxBytes );
 }
 
 Host::Host( HostOptions options )
@@ -87,7 +112,7 @@ std::vector<std::string> Host::start() {
    }
    signalWatch( SIGTERM, []( int, short, void * self ) { static_cast<Host *>( self )->mainLoop_->stop(); } );
    signalWatch( SIGINT, []( int, short, void * self ) { static_cast<Host *>( self )->mainLoop_->stop(); } );
-   signalWatch( SIGHUP, []( int, short, void * self ) { static_cast<Host *>( self )->configReload(); } );
+   signalWatch( SIGHUP, []( int, short, void * self ) { static_cast<Host *>( self )->hangup(); } );
 
    entityManager_->profileIs( healthMonitorProfile() );
    entityManager_->entityIs( HostStatus::path, status_ );
@@ -124,6 +149,7 @@ std::vector<std::string> Host::start() {
    services.schema = schema_;
    services.configQueue = configQueue_;
    services.changeFeed = changeFeed_;
+   services.commandDirectory = agent_->commandRequestDirectory();
    services.statusRefresh = [this] { statusRefresh(); };
    services.cleanState = [this] { return agent_->doCheckAgentCleanState(); };
    services.clientCountChanged = [this]( std::size_t count ) {
@@ -136,7 +162,8 @@ std::vector<std::string> Host::start() {
 
 void Host::run() {
    mainLoop_->run();
-   // A second signal ends the process at once, should the teardown hang.
+   // A second signal ends the process at once, should the teardown hang; but for SIGHUP, which is ignored now
+   // as it was before there was a host.
    for ( auto * each : signals_ ) {
       event_del( each );
    }
@@ -154,7 +181,8 @@ std::vector<std::string> Host::startupConfigure() {
    }
    ChangeRequest request;
    request.source = options_.configFile;
-   if ( auto refusal = fileRead( options_.configFile, control::maxDocumentBytes, request.text ) ) {
+   if ( auto refusal =
+               fileRead( options_.configFile, FileKind::any, control::maxDocumentBytes, request.text ) ) {
       return { *refusal };
    }
    const auto change = checkChange( *schema_, request );
@@ -162,29 +190,48 @@ std::vector<std::string> Host::startupConfigure() {
       return change->errors;
    }
    // Nobody watches and nothing else waits yet: no slices.
+   CrossCheck crossCheck( entityManager_, change );
+   while ( crossCheck.step() ) {}
+   if ( !crossCheck.errors().empty() ) {
+      return crossCheck.errors().lines();
+   }
    Applier applier( entityManager_, change );
    while ( applier.step() ) {}
    changeEnded( { applier.refusals(), applier.changes() } );
    return {};
 }
 
+void Host::hangup() {
+   mainLoop_->dispatch( [this] {
+      if ( options_.configFile.empty() ) {
+         report( "SIGHUP: there is no startup configuration to apply again" );
+      } else if ( reloading_ ) {
+         reloadAgain_ = true;
+      } else {
+         configReload();
+      }
+   } );
+}
+
 void Host::configReload() {
-   if ( options_.configFile.empty() ) {
-      report( "SIGHUP: there is no startup configuration to apply again" );
-      return;
-   }
    ChangeRequest request;
    request.source = options_.configFile;
-   if ( const auto refusal = fileRead( options_.configFile, control::maxDocumentBytes, request.text ) ) {
+   if ( const auto refusal =
+               fileRead( options_.configFile, FileKind::regular, control::maxDocumentBytes, request.text ) ) {
       report( *refusal );
       changeEnded( { { *refusal }, 0 } );
       return;
    }
+   reloading_ = true;
    configQueue_->submit( std::move( request ), [this]( const ChangeOutcome & outcome ) {
       for ( const auto & error : outcome.errors ) {
          report( error );
       }
       changeEnded( outcome );
+      reloading_ = false;
+      if ( std::exchange( reloadAgain_, false ) ) {
+         configReload();
+      }
    } );
 }
 

@@ -39,6 +39,7 @@ class Host {
 
  private:
    std::vector<std::string> startupConfigure();
+   void hangup();
    void configReload();
    void changeEnded( const ChangeOutcome & outcome );
    void statusRefresh();
@@ -52,6 +53,8 @@ class Host {
    const platform::Ptr<HostStatus> status_;
    ControlSocket socket_;
    std::vector<event *> signals_;
+   bool reloading_ = false;   // the startup file waits to be checked, or to be applied
+   bool reloadAgain_ = false; // it may have changed since: once more, however many signals came
    std::shared_ptr<const Schema> schema_;
    platform::Ptr<platform::Agent> agent_;
    platform::Ptr<ConfigQueue> configQueue_;
@@ -59,8 +62,14 @@ class Host {
    platform::Ptr<ControlServer> controlServer_;
 };
 
-/// The bytes of a regular file (or of a descriptor that ends, such as a pipe), or why they cannot be had.
-[[nodiscard]] std::optional<std::string> fileRead(
-      const std::string & path, std::size_t maxBytes, std::string & text );
+enum class FileKind {
+   regular, // nothing else: it is read again and again, and never waited for
+   any,     // a pipe or a terminal as well, whose writer is waited for
+};
+
+/// The bytes of a file, all of them, or why they cannot be had: a writer, too, that is silent for `patience`.
+[[nodiscard]] std::optional<std::string> fileRead( const std::string & path, FileKind kind,
+      std::size_t maxBytes, std::string & text,
+      platform::Clock::Duration patience = std::chrono::seconds( 30 ) );
 
 } // namespace host

@@ -6,8 +6,9 @@
 
 namespace host {
 
-/// The agent host about itself, at the path "host/status". Written by the host only. `uptime`, `longestHold`
-/// and `cleanState` change all the time and are brought up to date when somebody reads them.
+/// The agent host about itself, at the path "host/status". Written by the host only. `uptime`,
+/// `longestHoldUs` and `cleanState` are brought up to date when somebody reads the state or begins to watch
+/// it.
 class HostStatus : public platform::Entity {
    HM_ENTITY( HostStatus )
    HM_ATTRIBUTE( std::string, version )

@@ -18,10 +18,6 @@ std::string shown( std::string_view text ) {
    return printable( text.substr( 0, longest ) ) + ( text.size() > longest ? "..." : "" );
 }
 
-bool isAtOrBelow( const std::string & path, const std::string & root ) {
-   return path.starts_with( root ) && ( path.size() == root.size() || path[root.size()] == '/' );
-}
-
 } // namespace
 
 const KeyedInfo * keyedOf( const AttributeInfo & attribute ) {
@@ -56,8 +52,8 @@ Schema::Schema( const EntityManager & entityManager, const std::vector<std::stri
 }
 
 Refusal Schema::resolve( const std::string & path, SchemaPlace & place ) const {
-   const auto root =
-         std::ranges::find_if( roots_, [&]( const Root & each ) { return isAtOrBelow( path, each.path ); } );
+   const auto root = std::ranges::find_if(
+         roots_, [&]( const Root & each ) { return pathIsAtOrBelow( path, each.path ); } );
    if ( root == roots_.end() ) {
       return fmt::format( "no such path: {}", shown( path ) );
    }

@@ -110,8 +110,7 @@ bool StateWriter::write( std::string & out ) {
    }
    const auto * keyed = keyedOf( *frame.attribute );
    frame.after = keyed->nextKey( *frame.entity, frame.after );
-   // A key that cannot be read back from its text would lead the walk round and round: it ends there.
-   if ( !frame.after || !keyed->has( *frame.entity, *frame.after ) ) {
+   if ( !frame.after ) {
       leave( out );
       return true;
    }

@@ -3,7 +3,6 @@
 #include "host/Schema.h"
 #include "platform/EntityManager.h"
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>

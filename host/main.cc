@@ -72,6 +72,9 @@ int main( int argc, char ** argv ) {
    }
 
    std::signal( SIGPIPE, SIG_IGN );
+   // But for the time in which the host listens to it: a reload that comes too early or too late does no
+   // harm.
+   std::signal( SIGHUP, SIG_IGN );
    descriptorLimitRaise();
    // Before the first object is shared: the checker's thread holds some of the same.
    platform::RefCounted::threadSafeRefCountsIs();

@@ -137,6 +137,12 @@ std::optional< Outcome > Check::onEvents( std::uint32_t events ) {
    return std::nullopt;
 }
 
+/// Notes the time for whoever asked for this check.
+void Check::reached( TimePoint Probe::*phase ) {
+   if ( host_->probe && ( *host_->probe ).*phase == TimePoint{} )
+      ( *host_->probe ).*phase = Clock::now();
+}
+
 std::optional< Outcome > Check::connected( std::uint32_t events ) {
    if ( events & ( EPOLLERR | EPOLLHUP ) ) {
       int error = 0;
@@ -152,6 +158,7 @@ std::optional< Outcome > Check::connected( std::uint32_t events ) {
    }
    if ( !( events & EPOLLOUT ) )
       return std::nullopt;
+   reached( &Probe::connected );
    switch ( group_->protocol ) {
    case Protocol::tcp:
       return answered();
@@ -172,6 +179,7 @@ std::optional< Outcome > Check::connected( std::uint32_t events ) {
 std::optional< Outcome > Check::handshake( std::uint32_t events ) {
    switch ( tls_->handshake() ) {
    case TlsConnection::Step::done:
+      reached( &Probe::secured );
       state_ = State::sending;
       return sendRequest( events );
    case TlsConnection::Step::wait:
@@ -254,6 +262,7 @@ std::optional< Outcome > Check::receivePlain( std::uint32_t events ) {
    while ( true ) {
       const ssize_t n = context_.calls.receive( fd_, context_.received.get(), CheckContext::receiveBytes );
       if ( n > 0 ) {
+         reached( &Probe::firstByte );
          response_.feed( { context_.received.get(), static_cast< std::size_t >( n ) } );
          if ( auto outcome = judge() )
             return outcome;
@@ -277,6 +286,7 @@ std::optional< Outcome > Check::receiveTls() {
       std::size_t got = 0;
       switch ( tls_->receive( context_.received.get(), CheckContext::receiveBytes, got ) ) {
       case TlsConnection::Step::done:
+         reached( &Probe::firstByte );
          response_.feed( { context_.received.get(), got } );
          if ( auto outcome = judge() )
             return outcome;

@@ -88,6 +88,7 @@ class Check {
    std::optional< Outcome > receiveTls();
    std::optional< Outcome > judge();
    Outcome endOfReply();
+   void reached( TimePoint Probe::*phase );
    std::string_view request();
    bool overTls() const { return group_->protocol == Protocol::https; }
 

@@ -166,12 +166,12 @@ void Engine::apply( const Config & config ) {
          const std::size_t worker = std::hash< std::string >{}( name ) % activeWorkers_;
          const bool moves = !isNew && host->worker != worker;
          if ( moves )
-            leaving[host->worker].push_back( { Command::Kind::move, host.get(), {}, {} } );
+            leaving[host->worker].push_back( { Command::Kind::move, host.get(), {}, {}, {} } );
          if ( isNew || moves || !sameSettings ) {
             host->told = targetOf( *settings, name );
             host->settled = true;
             staying[worker].push_back( { isNew || moves ? Command::Kind::take : Command::Kind::group,
-                  host.get(), settings, host->told } );
+                  host.get(), settings, host->told, {} } );
          }
          host->worker = worker;
       }
@@ -185,7 +185,7 @@ void Engine::apply( const Config & config ) {
             ++host;
             continue;
          }
-         leaving[host->second->worker].push_back( { Command::Kind::drop, host->second.get(), {}, {} } );
+         leaving[host->second->worker].push_back( { Command::Kind::drop, host->second.get(), {}, {}, {} } );
          const auto [first, last] = byName_.equal_range( host->first );
          byName_.erase( std::find_if(
                first, last, [&]( const auto & e ) { return e.second.second == host->second.get(); } ) );
@@ -246,7 +246,7 @@ void Engine::retarget( const std::string & host, bool settle ) {
          continue; // waiting for the worker is what a removal costs
       entry->told = target;
       entry->settled = settle;
-      orders[entry->worker].push_back( { Command::Kind::target, entry, {}, target } );
+      orders[entry->worker].push_back( { Command::Kind::target, entry, {}, target, {} } );
    }
    deliver( orders, settle );
 }
@@ -302,6 +302,24 @@ bool Engine::removeMark(
    if ( ofGroup->second.empty() )
       marks_.erase( ofGroup );
    retarget( host, true );
+   return true;
+}
+
+bool Engine::probe( const std::string & group, const std::string & host, HMProbeDone done ) {
+   const std::lock_guard lock{ mutex_ };
+   const auto ofGroup = groups_.find( group );
+   if ( !started_ || ofGroup == groups_.end() )
+      return false;
+   const auto entry = ofGroup->second.hosts.find( host );
+   if ( entry == ofGroup->second.hosts.end() )
+      return false;
+   const Target & target = entry->second->told;
+   if ( target.address.empty() || ( ofGroup->second.settings->needsMark && target.mark == 0 ) )
+      return false;
+   Orders orders( workers_.size() );
+   orders[entry->second->worker].push_back(
+         { Command::Kind::probe, entry->second.get(), {}, {}, std::move( done ) } );
+   deliver( orders, false );
    return true;
 }
 

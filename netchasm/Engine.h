@@ -1,6 +1,7 @@
 #pragma once
 
 #include "netchasm/Config.h"
+#include "netchasm/HMProbeReport.h"
 #include "netchasm/HMStorageObserver.h"
 #include "netchasm/Log.h"
 #include "netchasm/SocketCalls.h"
@@ -36,6 +37,7 @@ class Engine {
          const std::string & group, const std::string & host, const HMIPAddress & address, int mark );
    [[nodiscard]] bool removeMark(
          const std::string & group, const std::string & host, const HMIPAddress & address, int mark );
+   [[nodiscard]] bool probe( const std::string & group, const std::string & host, HMProbeDone done );
    void logLevelIs( int level ) { log_.levelIs( level ); }
 
    std::vector< unsigned long > probeDelays() const;

@@ -43,6 +43,11 @@ bool HMStateManager::removeHostMark( const std::string & hostGroupName, const st
    return engine_->removeMark( hostGroupName, hostName, address, mark );
 }
 
+bool HMStateManager::probe(
+      const std::string & hostGroupName, const std::string & hostName, HMProbeDone done ) {
+   return engine_->probe( hostGroupName, hostName, std::move( done ) );
+}
+
 void HMStateManager::setLogLevel( HM_LOG_LEVEL level ) {
    engine_->logLevelIs( level );
 }

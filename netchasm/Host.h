@@ -1,14 +1,16 @@
 #pragma once
 
 #include "netchasm/Config.h"
-#include "netchasm/HMCheckData.h"
+#include "netchasm/HMProbeReport.h"
 #include "netchasm/TimerHeap.h"
 #include "netchasm/TlsConnection.h"
+#include <memory>
 
 namespace netchasm {
 
 class Check;
 struct ConnectionPool;
+struct Host;
 
 /// Where a host is reached. Chosen by the engine from the host's static addresses and marks.
 struct Target {
@@ -16,6 +18,15 @@ struct Target {
    std::uint32_t mark = 0; ///< 0: none
 
    bool operator==( const Target & ) const = default;
+};
+
+/// A check that somebody asked for, and what it has seen so far.
+struct Probe {
+   HMProbeDone done;
+   const Host * of = nullptr; ///< the host whose stand-in runs the check
+   TimePoint connected{};     ///< none while it has not got there, as the two below
+   TimePoint secured{};
+   TimePoint firstByte{};
 };
 
 /// One host of one host group. Made and freed by the thread that calls the engine, lent to one worker in
@@ -57,6 +68,7 @@ struct Host {
    std::uint32_t numFailures = 0;
    std::uint32_t numTimeouts = 0;
    TlsTicket ticket;
+   std::unique_ptr< Probe > probe; ///< of a stand-in, which has no schedule: else none
 
    /// The timer of a waiting host.
    TimePoint next() const { return retrying ? retryAt : due; }

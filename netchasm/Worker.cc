@@ -14,45 +14,18 @@ using std::chrono::milliseconds;
 
 namespace {
 
-const char * text( HM_REASON reason ) {
-   switch ( reason ) {
-   case HM_REASON_NONE:
-      return "answered";
-   case HM_REASON_NO_VERDICT:
-      return "not checked";
-   case HM_REASON_CONNECT_REFUSED:
-      return "connection refused";
-   case HM_REASON_UNREACHABLE:
-      return "unreachable";
-   case HM_REASON_CONNECT_TIMEOUT:
-      return "no connection in time";
-   case HM_REASON_CONNECT_ERROR:
-      return "no connection";
-   case HM_REASON_TLS_TIMEOUT:
-      return "TLS handshake not finished in time";
-   case HM_REASON_TLS_HANDSHAKE:
-      return "TLS handshake failed";
-   case HM_REASON_TLS_VERIFY:
-      return "certificate refused";
-   case HM_REASON_TLS_FILES:
-      return "certificate files cannot be used";
-   case HM_REASON_REPLY_TIMEOUT:
-      return "reply not complete in time";
-   case HM_REASON_REPLY_CLOSED:
-      return "connection ended before the reply was complete";
-   case HM_REASON_REPLY_MALFORMED:
-      return "reply is not HTTP";
-   case HM_REASON_REPLY_TOO_LARGE:
-      return "header block too large";
-   case HM_REASON_SETTINGS:
-      return "settings cannot be used";
-   }
-   return "?";
-}
-
 /// Trying again would meet the same.
 bool isFinal( HM_REASON reason ) {
    return reason == HM_REASON_NO_VERDICT || reason == HM_REASON_TLS_FILES || reason == HM_REASON_SETTINGS;
+}
+
+/// More about a failure than its reason says; empty when there is no more.
+std::string detailOf( const Check * check, const Outcome & outcome ) {
+   if ( outcome.systemError != 0 )
+      return std::generic_category().message( outcome.systemError );
+   if ( check && ( outcome.reason == HM_REASON_TLS_HANDSHAKE || outcome.reason == HM_REASON_TLS_VERIFY ) )
+      return check->detail();
+   return {};
 }
 
 } // namespace
@@ -211,15 +184,18 @@ void Worker::begin( Host & host ) {
       }
       host.retriesLeft = host.group->retries;
    }
-   auto check = takeCheck( *host.pool );
-   host.check = check.release();
+   if ( const auto outcome = attempt( host ) )
+      finish( host, *outcome );
+}
+
+std::optional< Outcome > Worker::attempt( Host & host ) {
+   host.check = takeCheck( *host.pool ).release();
    host.state = State::running;
    timers_.schedule( host, now_ + host.group->connectTimeout );
    auto outcome = host.check->start( host, now_ );
    if ( outcome && ( outcome->systemError == EMFILE || outcome->systemError == ENFILE ) && closeIdle() )
       outcome = host.check->start( host, now_ );
-   if ( outcome )
-      finish( host, *outcome );
+   return outcome;
 }
 
 std::unique_ptr< Check > Worker::takeCheck( ConnectionPool & pool ) {
@@ -233,6 +209,10 @@ std::unique_ptr< Check > Worker::takeCheck( ConnectionPool & pool ) {
 
 void Worker::finish( Host & host, const Outcome & ended ) {
    const Outcome outcome = host.check ? host.check->blamed( ended ) : ended;
+   if ( host.probe ) {
+      probeEnd( host, outcome );
+      return;
+   }
    const bool answered = outcome.response == HM_RESPONSE_ANSWERED;
    const bool retry = !answered && !isFinal( outcome.reason ) && host.retriesLeft > 0;
    ++host.numChecks;
@@ -270,6 +250,13 @@ void Worker::report( const Host & host, const Check * check, const Outcome & out
    if ( !observer_ )
       return;
    HMCheckData & data = results_[resultCount_];
+   fill( data, host, check, outcome, reason );
+   if ( ++resultCount_ == results_.size() )
+      flushResults();
+}
+
+void Worker::fill( HMCheckData & data, const Host & host, const Check * check, const Outcome & outcome,
+      HM_REASON reason ) const {
    data.m_hostName = host.name;
    data.m_hostGroupName = host.group->name;
    data.m_response = outcome.response;
@@ -290,8 +277,6 @@ void Worker::report( const Host & host, const Check * check, const Outcome & out
    data.m_checkTime.setTime(
          HMTimeStamp::now().getTimeSinceEpoch() -
          static_cast< unsigned long >( std::chrono::floor< milliseconds >( took ).count() ) );
-   if ( ++resultCount_ == results_.size() )
-      flushResults();
 }
 
 void Worker::logOutcome( const Host & host, const Check * check, const Outcome & outcome, bool last ) {
@@ -306,14 +291,9 @@ void Worker::logOutcome( const Host & host, const Check * check, const Outcome &
    }
    if ( !log_.enabled( HM_LOG_DETAIL ) )
       return;
-   std::string detail;
-   if ( outcome.systemError != 0 )
-      detail = std::generic_category().message( outcome.systemError );
-   else if ( check &&
-             ( outcome.reason == HM_REASON_TLS_HANDSHAKE || outcome.reason == HM_REASON_TLS_VERIFY ) )
-      detail = check->detail();
+   const std::string detail = detailOf( check, outcome );
    log_.write( HM_LOG_DETAIL, "host {} in group {}: {}{}{}{}", host.name, host.group->name,
-         text( outcome.reason ), detail.empty() ? "" : ": ", detail, last ? "" : "; trying again" );
+         HMReasonText( outcome.reason ), detail.empty() ? "" : ": ", detail, last ? "" : "; trying again" );
 }
 
 void Worker::flushResults() {
@@ -394,6 +374,7 @@ void Worker::execute( Command & command ) {
    case Command::Kind::group:
       settingsIs( host, std::move( command.group ) );
       if ( host.target != command.target ) {
+         probesEnd( host );
          abandon( host );
          host.target = command.target;
       }
@@ -402,6 +383,7 @@ void Worker::execute( Command & command ) {
    case Command::Kind::target:
       if ( host.target == command.target )
          return;
+      probesEnd( host );
       abandon( host );
       if ( host.retrying && host.target.address != command.target.address ) {
          host.retrying = false;
@@ -411,11 +393,61 @@ void Worker::execute( Command & command ) {
       host.target = command.target;
       prepare( host );
       return;
+   case Command::Kind::probe:
+      probe( host, std::move( command.done ) );
+      return;
    case Command::Kind::drop:
    case Command::Kind::move:
+      probesEnd( host );
       abandon( host );
       timers_.cancel( host );
       return;
+   }
+}
+
+/// Checks a stand-in of the host.
+void Worker::probe( const Host & host, HMProbeDone done ) {
+   auto standIn = std::make_unique< Host >( host.name );
+   standIn->group = host.group;
+   standIn->target = host.target;
+   standIn->authority = host.authority;
+   standIn->pool = host.pool;
+   standIn->probe = std::make_unique< Probe >( Probe{ std::move( done ), &host } );
+   probes_.push_back( std::move( standIn ) );
+   Host & probed = *probes_.back();
+   if ( !probed.ready() )
+      probeEnd( probed, { HM_RESPONSE_NOT_CHECKED, HM_REASON_NO_VERDICT } );
+   else if ( const auto outcome = attempt( probed ) )
+      finish( probed, *outcome );
+}
+
+void Worker::probeEnd( Host & standIn, const Outcome & outcome ) {
+   const auto at = std::ranges::find( probes_, &standIn, &std::unique_ptr< Host >::get );
+   const std::unique_ptr< Host > host = std::move( *at );
+   probes_.erase( at );
+   const TimePoint started = host->check ? host->check->started() : now_;
+   const auto after = [started]( TimePoint reached ) {
+      const auto took = std::chrono::round< std::chrono::microseconds >( reached - started );
+      return reached == TimePoint{} ? 0 : static_cast< std::uint32_t >( std::max( took.count(), 1L ) );
+   };
+   HMProbeReport report;
+   fill( report.m_check, *host, host->check, outcome, outcome.reason );
+   report.m_address = host->target.address;
+   report.m_mark = host->target.mark;
+   report.m_connectUs = after( host->probe->connected );
+   report.m_tlsUs = after( host->probe->secured );
+   report.m_firstByteUs = after( host->probe->firstByte );
+   report.m_totalUs = host->check ? after( Clock::now() ) : 0;
+   report.m_detail = detailOf( host->check, outcome );
+   release( *host, outcome.response == HM_RESPONSE_ANSWERED );
+   host->probe->done( report );
+}
+
+/// Ends what somebody asked about the host: its packets must not outlive a change.
+void Worker::probesEnd( const Host & host ) {
+   for ( std::size_t i = probes_.size(); i-- > 0; ) {
+      if ( probes_[i]->probe->of == &host )
+         probeEnd( *probes_[i], { HM_RESPONSE_NOT_CHECKED, HM_REASON_NO_VERDICT } );
    }
 }
 

@@ -25,12 +25,14 @@ struct Command {
       group,  ///< new settings, and the target that goes with them, for a host that stays
       target, ///< new address or mark
       drop,   ///< forget the host; a running check ends unreported
+      probe,  ///< check it once beside its schedule
       move,   ///< as drop, but another worker will take it: a running check is due again at once
    };
    Kind kind;
    Host * host;
    std::shared_ptr< const HostGroup > group;
    Target target;
+   HMProbeDone done; ///< of a probe
 };
 
 /// One thread with one event loop and the hosts that were given to it: starts their checks when they are due,
@@ -79,9 +81,15 @@ class Worker {
    void begin( Host & host );
    void finish( Host & host, const Outcome & ended );
    void report( const Host & host, const Check * check, const Outcome & outcome, HM_REASON reason );
+   void fill( HMCheckData & data, const Host & host, const Check * check, const Outcome & outcome,
+         HM_REASON reason ) const;
    void logOutcome( const Host & host, const Check * check, const Outcome & outcome, bool last );
    void flushResults();
    void release( Host & host, bool answered );
+   void probe( const Host & host, HMProbeDone done );
+   void probeEnd( Host & standIn, const Outcome & outcome );
+   void probesEnd( const Host & host );
+   std::optional< Outcome > attempt( Host & host );
    void wait( Host & host );
    void waitForNext( Host & host );
    std::unique_ptr< Check > takeCheck( ConnectionPool & pool );
@@ -110,6 +118,7 @@ class Worker {
    bool moreEvents_ = false; ///< this turn could not fetch all events that stood
    bool stopped_ = false;
    std::uint64_t spread_;
+   std::vector< std::unique_ptr< Host > > probes_; ///< stand-ins of hosts that somebody asked about
    std::vector< HMCheckData > results_;
    std::size_t resultCount_ = 0;
    ProbeDelays delays_;

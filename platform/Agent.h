@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/CommandCallback.h"
 #include "platform/EntityManager.h"
 #include "platform/EventLoop.h"
 #include "platform/Task.h"
@@ -38,6 +39,8 @@ class Agent : public RefCounted {
    const std::string & name() const { return name_; }
    const AgentContext & context() const { return context_; }
    void contextIs( AgentContext context ) { context_ = std::move( context ); }
+   /// The commands that the agent answers; complete once the mounts are.
+   const Ptr<CommandRequestDirectory> & commandRequestDirectory() const { return commandRequestDirectory_; }
 
  protected:
    explicit Agent( std::string name ) : name_( std::move( name ) ) {}
@@ -50,6 +53,7 @@ class Agent : public RefCounted {
 
  private:
    const std::string name_;
+   const Ptr<CommandRequestDirectory> commandRequestDirectory_ = new CommandRequestDirectory;
    AgentContext context_;
 };
 

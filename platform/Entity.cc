@@ -160,6 +160,11 @@ EntityUpdate::~EntityUpdate() {
    }
 }
 
+bool pathIsAtOrBelow( std::string_view path, std::string_view root ) {
+   return root.empty() ||
+          ( path.starts_with( root ) && ( path.size() == root.size() || path[root.size()] == '/' ) );
+}
+
 std::string pathEscape( std::string_view key ) {
    std::string escaped;
    for ( const char c : key ) {

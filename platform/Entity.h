@@ -228,6 +228,9 @@ class EntityUpdate {
 std::string pathEscape( std::string_view key );
 [[nodiscard]] std::optional<std::string> pathUnescape( std::string_view component );
 
+/// Whether `path` is `root` or stands below it; everything stands below the empty path.
+bool pathIsAtOrBelow( std::string_view path, std::string_view root );
+
 } // namespace platform
 
 #include "platform/EntityMacros.h"

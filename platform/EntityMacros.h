@@ -166,24 +166,33 @@ class KeyedAttribute : public AttributeInfo, public Base {
       }
       return {};
    }
-   static Key toKey( std::string_view text ) {
-      Key key{};
-      (void)parse( text, key );
-      return key;
-   }
+   static Key toKey( std::string_view text ) { return readBack( text ).value_or( Key{} ); }
    template<class Items>
    static std::optional<std::string> next( const Items & items, const std::optional<std::string> & after ) {
       if ( !after ) {
          auto first = items.begin();
          return first == items.end() ? std::nullopt : std::optional( toText( first->key ) );
       }
-      for ( const auto & item : items.after( toKey( *after ) ) ) {
-         return toText( item.key );
+      // Without its place the walk ends; it would begin again for ever.
+      if ( const auto key = readBack( *after ) ) {
+         for ( const auto & item : items.after( *key ) ) {
+            return toText( item.key );
+         }
       }
       return std::nullopt;
    }
 
  private:
+   // The key that toText() wrote. It is not checked: what the process itself put into a map may be longer
+   // than what comes from outside, or no UTF-8, and is found all the same.
+   static std::optional<Key> readBack( std::string_view text ) {
+      if constexpr ( std::is_constructible_v<Key, std::string> && !std::is_aggregate_v<Key> ) {
+         return Key( std::string( text ) );
+      } else {
+         Key key{};
+         return parse( text, key ) ? std::nullopt : std::optional( key );
+      }
+   }
    static Refusal parse( std::string_view text, Key & key ) {
       if constexpr ( HasValueTraits<Key> ) {
          return ValueTraits<Key>::fromText( text, key );

@@ -1,18 +1,8 @@
 #include "platform/EntityManager.h"
 
-#include <algorithm>
-
-#include <fmt/format.h>
+#include <utility>
 
 namespace platform {
-
-namespace {
-
-bool isBelow( const std::string & path, const std::string & root ) {
-   return path.starts_with( root ) && ( path.size() == root.size() || path[root.size()] == '/' );
-}
-
-} // namespace
 
 void EntityManager::profileIs( const MountProfile & profile ) {
    for ( const auto & mount : profile.paths ) {
@@ -41,7 +31,7 @@ void EntityManager::entityIs( const std::string & path, const Ptr<Entity> & enti
 bool EntityManager::agentWrites( const std::string & path ) const {
    for ( const auto & [name, profile] : profiles_ ) {
       for ( const auto & mount : profile.paths ) {
-         if ( mount.writable && isBelow( path, mount.path ) ) {
+         if ( mount.writable && pathIsAtOrBelow( path, mount.path ) ) {
             return true;
          }
       }

@@ -18,6 +18,7 @@ from servers import HTTP_PORT, SERVERS_PER_GROUP, Nginx, address, be_first
 SERVERS = 16383
 INTERVAL = 5  # seconds, the default
 PATIENCE = 180  # seconds after which a configuration counts as not taken up
+SLOW_SECONDS = 15  # that the slow reader reads
 SETTLED = 15  # seconds of plain checking after the last first check
 
 
@@ -124,6 +125,29 @@ class Agent:
                 self.process.wait()
 
 
+def show(agent, row):
+    """What printing everything costs: to a reader that takes it at once, and to one that takes 10 KiB a second."""
+    held = agent.status()["longestHoldUs"]
+    command = [*agent.hmctl, "show", "health-monitor", "counters", "--json"]
+    begin = time.monotonic()
+    text = subprocess.run(command, check=True, capture_output=True).stdout
+    row("show health-monitor counters, as JSON", f"{time.monotonic() - begin:.2f} s, {len(text) / 1024:.0f} KiB")
+    json.loads(text)
+    before = most = measure.memory_kib(agent.process.pid, "VmRSS")
+    reader = subprocess.Popen(command, stdout=subprocess.PIPE, bufsize=0)
+    try:
+        for _ in range(SLOW_SECONDS):
+            reader.stdout.read(10 * 1024)
+            time.sleep(1)
+            most = max(most, measure.memory_kib(agent.process.pid, "VmRSS"))
+    finally:
+        reader.kill()
+        reader.wait()
+    row("memory that a slow reader of it takes", f"{(most - before) / 1024:.1f} MiB")
+    now = agent.status()["longestHoldUs"]
+    row("longest hold while printing", f"{now / 1000:.1f} ms" if now > held else f"at most {held / 1000:.1f} ms")
+
+
 def run(programs, cores, servers, say):
     """Returns (rows for the table, whether all ran)."""
     rows, well = [], True
@@ -169,6 +193,7 @@ def run(programs, cores, servers, say):
                 down = servers - len(counter.up)
                 row("servers not up after that", f"{down}")
                 row("longest hold of the main loop", f"{agent.status()['longestHoldUs'] / 1000:.1f} ms")
+                show(agent, row)
                 file.write_text(json.dumps({
                     "healthMonitor/config/probeConfig": {}, "healthMonitor/config/serverConfig": {}}))
                 begin = time.monotonic()

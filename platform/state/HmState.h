@@ -123,6 +123,8 @@ class ProbeStatus : public Entity {
    HM_ATTRIBUTE( ServerAdminState, adminState, ServerAdminState::enabled )
    HM_ATTRIBUTE( ServerOperState, operState, ServerOperState::down )
    HM_ATTRIBUTE( std::uint16_t, weight, 0 )
+   /// When a check last changed one of the two states; milliseconds since the epoch, 0: not yet.
+   HM_ATTRIBUTE( std::uint64_t, since, 0 )
 };
 
 /// Health of the servers of one nexthop group. Published below ServerStatus, and used by the agent for its

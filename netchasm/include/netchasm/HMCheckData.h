@@ -39,6 +39,9 @@ enum HM_REASON : std::uint8_t {
    HM_REASON_SETTINGS = 14, ///< the host group cannot be checked as configured (a port that is none)
 };
 
+/// The reason in a few words, for people.
+const char * HMReasonText( HM_REASON reason );
+
 /// Bytes of a reply that are accepted before its body (1xx responses included); more is
 /// HM_REASON_REPLY_TOO_LARGE.
 inline constexpr std::size_t HM_MAX_HEADER_BYTES = 16 * 1024;

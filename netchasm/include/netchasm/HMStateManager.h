@@ -2,6 +2,7 @@
 
 #include "netchasm/HMIPAddress.h"
 #include "netchasm/HMLogBase.h"
+#include "netchasm/HMProbeReport.h"
 #include "netchasm/HMStorageObserver.h"
 #include "netchasm/HMWorkQueue.h"
 #include <memory>
@@ -69,6 +70,13 @@ class HMStateManager {
          const HMIPAddress & address, int mark );
    [[nodiscard]] bool removeHostMark( const std::string & hostGroupName, const std::string & hostName,
          const HMIPAddress & address, int mark );
+
+   /// Checks a host once and at once, over its group's settings, address and mark, beside its schedule:
+   /// nothing is counted, retried or told to the observer. A change of the configuration that ends the host's
+   /// running check ends this one too, with HM_REASON_NO_VERDICT. False, and `done` is not called: the group
+   /// has no such host, the host has no address or mark yet, or the engine was not started.
+   [[nodiscard]] bool probe(
+         const std::string & hostGroupName, const std::string & hostName, HMProbeDone done );
 
    /// Later entries are filtered at this level. Any thread, the engine's own included.
    void setLogLevel( HM_LOG_LEVEL level );

@@ -140,7 +140,13 @@ TEST_F( Backlog, GroupThatLosesItsLastIpv4ServerTakesTheIpv6SourceAddress ) {
    serverStatus->probeSrcIp6Is( ip( "2001:db8::1" ) );
    web( "web", { "10.1.1.1", "2001:db8::2" } );
    runUntilIdle();
+   nhg( "web" )->serverIpIs( ip( "2001:db8::3" ) );
+   runUntilIdle();
    EXPECT_EQ( group( "web-http" )->sourceAddress(), "10.0.0.1" );
+   nhg( "web" )->serverIpDel( ip( "2001:db8::3" ) );
+   scheduler->sliceBudgetIs( Clock::Duration{ 0 } );
+   scheduler->runSlice();
+   EXPECT_EQ( backlog().nhgLocalAttrsBacklogCount(), 0u ) << "its family stays";
    nhg( "web" )->serverIpDel( ip( "10.1.1.1" ) );
    runUntilIdle();
    EXPECT_EQ( group( "web-http" )->sourceAddress(), "2001:db8::1" );
@@ -188,6 +194,16 @@ TEST_F( Marks, AreSharedByAllGroupsOfAServerUntilTheLastLetsGo ) {
    EXPECT_EQ( commonData->serverIpToMarkCount(), 0u );
    EXPECT_FALSE( commonData->markToServerIpHas( before ) );
    EXPECT_EQ( commonData->serverMarkBitmap()->bitsSet(), 1u );
+}
+
+TEST_F( Marks, AreNotHandedOutTwiceByAReactorThatComesLater ) {
+   web( "web", { "10.1.1.1" } );
+   runUntilIdle();
+   const Ptr<Task> task = new Task( scheduler, TaskPriority{ 3 }, "backlogSmTask" );
+   const Ptr<BacklogSm> later = new BacklogSm( probeConfig, serverConfig, serverStatus, sslStatus,
+         new BacklogInfo(), new NetCHASMInfo(), commonData, task );
+   EXPECT_EQ( later->findOrCreateMarkForServer( ip( "10.1.1.1" ) ), mark( "10.1.1.1" ) );
+   EXPECT_NE( later->findOrCreateMarkForServer( ip( "10.1.1.2" ) ), mark( "10.1.1.1" ) );
 }
 
 TEST_F( Marks, ServerWithoutAMarkHasNothingToRelease ) {
@@ -276,6 +292,17 @@ TEST_F( SslProfiles, FilesFollowTheStateOfTheGlobalProfile ) {
    EXPECT_EQ( checkType(), "https" );
 }
 
+TEST_F( SslProfiles, GlobalProfileThatAppearsFinishedTakesEffect ) {
+   probeConfig->sslProfileIs( "corp" );
+   runUntilIdle();
+   const Ptr<Mgmt::Security::Ssl::ProfileStatus> corp = new Mgmt::Security::Ssl::ProfileStatus();
+   corp->caFilePathIs( "/ca.pem" );
+   corp->stateIs( State::valid );
+   sslStatus->profileStatusInsert( "corp", corp );
+   runUntilIdle();
+   EXPECT_EQ( commonData->caFilePath(), "/ca.pem" );
+}
+
 TEST_F( SslProfiles, GroupsUseTheFilesOfTheirOwn ) {
    profile( "own", State::valid );
    probe( "web" )->sslProfileIs( "own" );
@@ -296,6 +323,36 @@ TEST_F( SslProfiles, GroupsUseTheFilesOfTheirOwn ) {
    probe( "web" )->timeoutIs( 2 );
    runUntilIdle();
    EXPECT_EQ( group( "web-http" )->caFilePath(), "" );
+}
+
+TEST_F( SslProfiles, ProfileOfAGroupMayComeAfterItsNameAndBeforeItsFiles ) {
+   probe( "web" )->sslProfileIs( "own" );
+   runUntilIdle();
+   EXPECT_EQ( checkType(), "https" );
+   const auto own = profile( "own", State::updating );
+   probe( "web" )->timeoutIs( 3 );
+   runUntilIdle();
+   EXPECT_EQ( group( "web-http" )->caFilePath(), "" ); // there are none from before
+   EXPECT_EQ( checkType(), "https" );
+   own->stateIs( State::valid );
+   probe( "web" )->timeoutIs( 2 );
+   runUntilIdle();
+   EXPECT_EQ( group( "web-http" )->caFilePath(), "/ca.pem" );
+   EXPECT_EQ( group( "web-http" )->certFilePath(), "/cert.pem" );
+}
+
+TEST_F( SslProfiles, FilesOfAGroupGoWithItsSettings ) {
+   probeConfig->globalUrlIs( "https://g/" );
+   profile( "own", State::valid );
+   probe( "web" )->sslProfileIs( "own" );
+   runUntilIdle();
+   ASSERT_EQ( group( "web-http" )->caFilePath(), "/ca.pem" );
+   probeConfig->nhgProbeConfigDel( "web" );
+   runUntilIdle();
+   EXPECT_EQ( group( "web-http" )->caFilePath(), "" );
+   EXPECT_EQ( group( "web-http" )->certFilePath(), "" );
+   EXPECT_EQ( checkType(), "https-no-peer-check" );
+   EXPECT_EQ( commonData->nhgSslParamsCount(), 0u );
 }
 
 } // namespace

@@ -209,6 +209,27 @@ TEST_F( CommandThreadDeathTest, CommandsOutOfOrderStopTheProcess ) {
          runRefusing( "none" ), "assertion failed: !initialized\\(\\): NetCHASM already initialized" );
 }
 
+TEST_F( CommandThreadDeathTest, ACommandThatIsNotWhatItSaysStopsTheProcess ) {
+   struct Disguised : CmdBase {
+      explicit Disguised( CmdOp op ) : CmdBase( op ) {}
+   };
+   const std::pair<CmdOp, const char *> rows[] = {
+         { CmdOp::init, "cmd: invalid init command" },
+         { CmdOp::reload, "cmd: invalid reload command" },
+         { CmdOp::dnsAndMark, "cmd: invalid dnsAndMark command" },
+         { CmdOp::setTrace, "cmd: invalid setTrace command" },
+         { static_cast<CmdOp>( 9 ), "false: Unknown cmdOp: 9" },
+   };
+   for ( const auto & [op, message] : rows ) {
+      while ( commands_->pop() ) {}
+      if ( op != CmdOp::init ) {
+         pushInit();
+      }
+      push( new Disguised( op ) );
+      EXPECT_DEATH( runRefusing( "none" ), message );
+   }
+}
+
 TEST_F( CommandThreadDeathTest, AHostWithoutAnAddressStopsTheProcess ) {
    pushInit();
    push( new CmdDnsAndMark( "web-http", "http/web/10.1.1.1", IpGenAddr{}, 7, false ) );

@@ -212,6 +212,24 @@ TEST_F( Monitoring, NothingReactsWhileNotificationsAreOff ) {
    EXPECT_EQ( serverStatus->nhgProbeStatusCount(), 0u );
 }
 
+TEST_F( Monitoring, WorkThatWaitedWhileNotificationsWereOffIsTakenUp ) {
+   startMonitoring();
+   const auto offAndOn = [this] {
+      configSm->notificationsEnabledIs( false );
+      runUntilIdle();
+      configSm->notificationsEnabledIs( true );
+   };
+   web( "web", { "10.1.1.1" } );
+   offAndOn();
+   EXPECT_TRUE( engine.marks.empty() );
+   stopInUpdateCycle();
+   offAndOn();
+   EXPECT_EQ( commonData->configPhase(), ConfigPhase::netChasmInfoProcessing );
+   runUntilIdle();
+   EXPECT_EQ( commonData->configPhase(), ConfigPhase::backlogProcessing );
+   EXPECT_EQ( engine.marks.size(), 1u );
+}
+
 class NiceValue : public Monitoring {
  public:
    int nice( int increment ) override {
@@ -237,22 +255,6 @@ TEST_F( NiceValue, IsBroughtToTheConfiguredOneByTheDifference ) {
    probeConfig->niceValueIs( -20 );
    EXPECT_EQ( processNice, 10 );
    EXPECT_THAT( calls, testing::ElementsAre( 0, 0, 11, 0, -30 ) );
-}
-
-TEST_F( Monitoring, StateThatIsMissingWhereItMustBeStopsTheProcess ) {
-   web( "web", { "10.1.1.1" } );
-   startMonitoring();
-   const auto server = ip( "10.1.1.1" );
-   EXPECT_DEATH( configSm->deleteProbeStatus( "x", server ), "nhgProbeStatus missing for x" );
-   EXPECT_DEATH(
-         configSm->deleteProbeStatus( "web", ip( "10.1.1.2" ) ), "probeStatus missing for 10.1.1.2 in web" );
-   EXPECT_DEATH( configSm->deleteProbeCounter( "x", server ), "probeCounters missing for x" );
-   commonData->tcpProbeStatusDel( "web" );
-   EXPECT_DEATH( configSm->deleteProbeStatus( "web", server ), "TCP probe status cache missing for web" );
-   commonData->probeCounters( "web" )->serverIp( server )->probeTypeCountersDel( ProbeType::tcp );
-   EXPECT_DEATH(
-         configSm->deleteProbeCounter( "web", server ), "tcp probeCounters missing for 10.1.1.1 in web" );
-   EXPECT_DEATH( commonData->configPhaseIs( static_cast<ConfigPhase>( 7 ) ), "invalid phase 7" );
 }
 
 } // namespace

@@ -31,8 +31,7 @@ class HostModel : public ConfigFixture {
          }
          for ( const auto type : { ProbeType::http, ProbeType::tcp } ) {
             const auto url = getUrl( *probeConfig, name, type );
-            const auto params = type == ProbeType::http ? BacklogSm::parseCurlUrlInfo( name, url, false )
-                                                        : BacklogSm::parseTcpUrlInfo( name, url, false );
+            const auto params = BacklogSm::parseUrlInfo( type, name, url, false );
             const bool present = monitored && params && config->serverIpCount() > 0;
             verifySettings( name, type, url, settings, present );
             if ( !present ) {

@@ -3,6 +3,8 @@
 #include "HealthMonitor/HmQueueRecords.h"
 #include "HealthMonitor/HmUtils.h"
 
+#include <sstream>
+
 #include <gmock/gmock.h>
 
 using namespace hm;
@@ -205,6 +207,41 @@ TEST_F( ProbeStatusTest, EveryConfiguredKindOfCheckHasItsSay ) {
    config_->nhgProbeConfig( "web" )->tcpUrlIs( "tcp://192.0.2.1:80" );
    tcp( 1 );
    EXPECT_EQ( published(), "enabled up" ) << "the group runs no HTTP check any more";
+}
+
+TEST_F( ProbeStatusTest, EachChangeOfAPublishedStateIsOneLineOfTheTrace ) {
+   const auto facility = TraceFacility::find( "HealthMonitor" );
+   facility->levelsIs( 1 << 4 );
+   traceToStderrIs( true );
+   testing::internal::CaptureStderr();
+   config_->responseCodeRule()->patternIs( "503" );
+   config_->responseCodeRule()->actionIs( 0 );
+   tcp( 1, 0 );
+   http( 1, 0 ); // up
+   http( 1, 0 );
+   http( 2, 1 ); // a retry is to come
+   http( 2, 4 ); // down
+   http( 3, 10 );
+   http( 1, 0 );      // up
+   http( 1, 0, 503 ); // down
+   traceToStderrIs( false );
+   facility->levelsIs( TraceFacility::defaultLevels );
+   std::vector<std::string> events;
+   std::istringstream lines( testing::internal::GetCapturedStderr() );
+   for ( std::string line; std::getline( lines, line ); ) {
+      if ( const auto at = line.find( "old state" ); at != line.npos ) {
+         EXPECT_THAT( line, testing::HasSubstr( "NHG: web, server: 10.1.1.1, " ) );
+         events.push_back( line.substr( at ) );
+      }
+   }
+   EXPECT_THAT( events,
+         testing::ElementsAre(
+               "old state: enabled down, new state: enabled up, reason: http check: answered 200, checks: 1",
+               "old state: enabled up, new state: enabled down, reason: http check: no connection in time, "
+               "checks: 1",
+               "old state: enabled down, new state: enabled up, reason: http check: answered 200, checks: 1",
+               "old state: enabled up, new state: enabled down, reason: http check: answered 503, matches a "
+               "response rule, checks: 1" ) );
 }
 
 TEST_F( ProbeStatusTest, TheWeightIsTheOneOfHttp ) {

@@ -24,6 +24,7 @@ struct Record {
    std::vector<const HMStateManager *> undying; // the agent never destroys its engine; not a leak
    std::shared_ptr<HMStorageObserver> observer;
    std::shared_ptr<HMLogBase> log;
+   std::vector<unsigned long> probeDelays;
 
    bool called( const std::string & call ) {
       std::unique_lock lock( mutex );
@@ -59,6 +60,7 @@ void RecordingEngine::reset() {
    record().engines = 0;
    record().observer = nullptr;
    record().log = nullptr;
+   record().probeDelays.clear();
 }
 
 void RecordingEngine::refuse( std::string prefix ) {
@@ -97,6 +99,11 @@ std::size_t RecordingEngine::engines() {
 bool RecordingEngine::calledFromOneThreadOtherThan( std::thread::id thread ) {
    const std::scoped_lock lock( record().mutex );
    return record().threads.size() == 1 && !record().threads.contains( thread );
+}
+
+void RecordingEngine::probeDelaysAre( std::vector<unsigned long> histogram ) {
+   const std::scoped_lock lock( record().mutex );
+   record().probeDelays = std::move( histogram );
 }
 
 std::shared_ptr<HMStorageObserver> RecordingEngine::observer() {
@@ -160,4 +167,20 @@ bool HMStateManager::removeHostMark(
 
 void HMStateManager::setLogLevel( HM_LOG_LEVEL level ) {
    record().called( fmt::format( "level {}", static_cast<int>( level ) ) );
+}
+
+HMWorkQueue & HMStateManager::workQueue() {
+   return workQueue_;
+}
+
+void HMWorkQueue::getProbeDelay( std::vector<unsigned long> & histogram ) const {
+   (void)engine_; // only the library's own has a use for it
+   const std::scoped_lock lock( record().mutex );
+   histogram = record().probeDelays;
+}
+
+void HMWorkQueue::clearProbeDelay() {
+   record().called( "clearProbeDelay" );
+   const std::scoped_lock lock( record().mutex );
+   std::ranges::fill( record().probeDelays, 0 );
 }

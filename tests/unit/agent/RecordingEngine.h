@@ -29,6 +29,9 @@ class RecordingEngine {
    static std::size_t engines();                                      // made since reset()
    static bool calledFromOneThreadOtherThan( std::thread::id thread );
 
+   /// The histogram that the engine tells; clearing it is a call "clearProbeDelay" and makes it all zero.
+   static void probeDelaysAre( std::vector<unsigned long> histogram );
+
    /// What the agent gave to the engine.
    static std::shared_ptr<HMStorageObserver> observer();
    static std::shared_ptr<HMLogBase> log();

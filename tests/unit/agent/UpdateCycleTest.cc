@@ -251,7 +251,7 @@ TEST_F( UpdateCycle, RemovalsPrecedeTheReloadAndAdditionsFollowIt ) {
 }
 
 TEST_F( UpdateCycle, YieldingBeforeEveryItemChangesNothing ) {
-   for ( const std::string nhg : { "a", "b", "c" } ) {
+   for ( const std::string nhg : { "", "a", "b" } ) {
       group( nhg );
       for ( const std::string server : { "10.1.1.1", "10.1.1.2", "10.1.1.3" } ) {
          host( nhg, server );
@@ -344,6 +344,20 @@ TEST_F( UpdateCycleDeathTest, BrokenInvariantsStopTheProcess ) {
             cycle();
          },
          "serverMark: mark missing for server 10.1.1.1" );
+   EXPECT_DEATH(
+         {
+            update( "b", "10.1.1.1", 1, false );
+            update( "c", "10.1.1.1", 1, false );
+            scheduler_->sliceBudgetIs( {} );
+            beginCycle();
+            while ( model_->updateCmdInfoCount() == 2 ) {
+               scheduler_->runSlice();
+            }
+            update( "a", "10.1.1.1", 1, false ); // before the place that the pass has reached
+            runSlices();
+         },
+         "netchasmInfo\\(\\)->updateCmdInfos\\(\\) == 0: dnsAndMark commands not generated for all the "
+         "servers" );
    EXPECT_DEATH(
          {
             exhaustDescriptors();

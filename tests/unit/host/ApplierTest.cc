@@ -74,7 +74,7 @@ TEST_F( Apply, TakesPathsOfAnyDepth ) {
 }
 
 // What a reactor of a group's settings sees at each notification.
-class Watcher final : public EntityObserver, public TreeObserver {
+class Watcher final : public EntityObserver {
  public:
    explicit Watcher( Ptr<HmState::ProbeConfig> config ) : config_( std::move( config ) ) {
       config_->observe( *this );
@@ -92,7 +92,6 @@ class Watcher final : public EntityObserver, public TreeObserver {
       }
       seen.push_back( group_->httpUrl() + " " + std::to_string( group_->timeout() ) );
    }
-   void treeChanged( const Entity &, const AttributeInfo &, const std::string & ) override {}
 
    std::vector<std::string> seen;
 
@@ -147,8 +146,19 @@ TEST_F( Queue, AppliesOneAfterTheOtherAndCheckedOnesOnly ) {
    check.checkOnly = true;
    queue->submit( std::move( check ), end( "check" ) );
    queue->submit( document( manyServers( 499 ) ), end( "last" ) );
-   ASSERT_TRUE( turnUntil( [&] { return ended.size() == 4; } ) );
-   EXPECT_THAT( ended, ElementsAre( "first 501", "wrong f.yaml:1: no such path: x", "check 0", "last 1" ) );
+   // Held against what stands when its turn comes.
+   for ( const bool checkOnly : { true, false } ) {
+      auto mixed = document( probe + "/nhgProbeConfig/web/vip: \"2001:db8::1\"\n" );
+      mixed.checkOnly = checkOnly;
+      queue->submit( std::move( mixed ), end( "mixed" ) );
+   }
+   ASSERT_TRUE( turnUntil( [&] { return ended.size() == 6; } ) );
+   const auto mixed =
+         "mixed f.yaml:1: " + probe +
+         "/nhgProbeConfig/web: vip: 2001:db8::1 is IPv6, the servers of the group are IPv4: they "
+         "cannot be probed through it";
+   EXPECT_THAT( ended,
+         ElementsAre( "first 501", "wrong f.yaml:1: no such path: x", "check 0", "last 1", mixed, mixed ) );
    EXPECT_EQ( serverConfig()->nhgConfig( "web" )->serverIpCount(), 499u );
 }
 
@@ -209,15 +219,15 @@ TEST_F( Written, YamlIsTakenBackAsItIs ) {
 }
 
 TEST_F( Written, JsonIsValidWhateverNamesHold ) {
-   // The last one is no text; an agent could still use it.
-   const std::string names[] = { "\"", "\\", "\n\x01", "é", "</script>", "a/b", "\xff\xfe" };
+   // The last ones are no text; an agent could still use them.
+   const std::string names[] = { "\"", "\\", "\n\x01", "é", "</script>", "a/b", "\xff", "\xff\xfe" };
    for ( const auto & name : names ) {
       probeConfig()->nhgProbeConfigIs( name )->sslProfileIs( name );
    }
    const auto json =
          nlohmann::json::parse( written( StateWriter::Format::json, "healthMonitor/config/probeConfig" ) );
    const auto & content = json["healthMonitor/config/probeConfig"];
-   EXPECT_EQ( content["nhgProbeConfig"].size(), std::size( names ) - 1 );
+   EXPECT_EQ( content["nhgProbeConfig"].size(), std::size( names ) );
    EXPECT_EQ( content["nhgProbeConfig"]["\n\x01"]["sslProfile"], "\n\x01" );
    probeConfig()->sslProfileIs( "\xff" );
    EXPECT_EQ( nlohmann::json::parse(
@@ -227,27 +237,6 @@ TEST_F( Written, JsonIsValidWhateverNamesHold ) {
    EXPECT_EQ( content["probeInterval"], 5 );
    EXPECT_EQ( content["monitoringEnabled"], false );
    EXPECT_TRUE( content["pingDisabledVip"].is_array() );
-}
-
-TEST_F( Written, GoesOnWhenEntriesGoBetweenTwoPieces ) {
-   for ( int i = 10; i < 20; ++i ) {
-      probeConfig()->nhgProbeConfigIs( "g" + std::to_string( i ) );
-   }
-   SchemaPlace place;
-   ASSERT_FALSE( schema->resolve( "healthMonitor/config/probeConfig/nhgProbeConfig", place ) );
-   StateWriter writer( StateWriter::Format::json, { { place, probeConfig() } } );
-   std::string text;
-   while ( writer.write( text ) ) {
-      if ( text.find( "g12" ) != text.npos ) {
-         for ( int i = 10; i < 15; ++i ) {
-            probeConfig()->nhgProbeConfigDel( "g" + std::to_string( i ) );
-         }
-      }
-   }
-   const auto json = nlohmann::json::parse( text ).front();
-   EXPECT_TRUE( json.contains( "g12" ) );
-   EXPECT_FALSE( json.contains( "g13" ) );
-   EXPECT_TRUE( json.contains( "g15" ) );
 }
 
 } // namespace host

@@ -87,6 +87,7 @@ class ControlSocketTest : public StateTest {
       services.schema = schema;
       services.configQueue = queue = new ConfigQueue( loop, manager, scheduler, schema );
       services.changeFeed = new ChangeFeed( manager );
+      services.clock = &clock;
       services.cleanState = [this] { return leftOver; };
       server = new ControlServer( services, fd );
    }
@@ -125,6 +126,7 @@ class ControlSocketTest : public StateTest {
    sockaddr_un address_{};
    socklen_t length_ = sizeof address_;
    std::string leftOver;
+   ManualClock clock;
    Ptr<ConfigQueue> queue;
    Ptr<ControlServer> server;
 };
@@ -143,6 +145,10 @@ TEST_F( ControlSocketTest, AnswersBadRequestsAndGoesOn ) {
          { "{\"command\":\"get\",\"path\":\"x\"}\n", "no such path: x" },
          { "{\"command\":\"get\",\"path\":\"ip/status/ipIntfStatus/Lo\"}\n",
                "ip/status/ipIntfStatus/Lo: there is no such entry" },
+         { "{\"command\":\"get\",\"path\":\"healthMonitor/status\",\"configuration\":true}\n",
+               "healthMonitor/status: holds no configuration" },
+         { "{\"command\":\"get\",\"path\":\"host/status/pid\",\"configuration\":true}\n",
+               "host/status/pid: holds no configuration" },
          { "{\"command\":\"get\",\"format\":\"xml\"}\n",
                "\"format\" of the request is neither \"yaml\" nor \"json\"" },
          { "{\"command\":\"del\",\"path\":\"ip/status/ipIntfStatus\",\"key\":\"Lo\"}\n",
@@ -264,8 +270,45 @@ TEST_F( ControlSocketTest, TellsASlowWatcherWhatItMissed ) {
    EXPECT_EQ( line["key"], "web" );
    EXPECT_EQ( line["change"], "added" );
    EXPECT_EQ( line["value"]["timeout"], 10 );
+   // Whatever else it sends, its end is noticed.
+   std::string junk( 4 * control::maxRequestBytes, 'x' );
+   EXPECT_TRUE( turnUntil( [&] {
+      junk.erase( 0, watcher->send( junk ) );
+      return junk.empty();
+   } ) );
    watcher->shutdownInput();
    EXPECT_TRUE( turnUntil( [&] { return server->clientCount() == 0; } ) );
+}
+
+TEST_F( ControlSocketTest, ShowsAWatcherWhatStandsUnderThePathThatItHas ) {
+   const std::string servers = "healthMonitor/config/serverConfig/nhgConfig/web/serverIp";
+   const auto watch = []( const std::string & path ) {
+      return "{\"command\":\"watch\",\"path\":\"" + path + "\",\"initial\":true}\n";
+   };
+   const auto web = serverConfig()->nhgConfigIs( "web" );
+   web->serverIpIs( *IpGenAddr::fromText( "10.1.1.1" ) );
+   web->serverIpIs( *IpGenAddr::fromText( "10.1.1.2" ) );
+   const auto one = peer();
+   talk( *one, watch( servers + "/10.1.1.2" ), [&] { return !one->lines().empty(); } );
+   expectServed();
+   one->receive();
+   ASSERT_EQ( one->lines().size(), 1u );
+   EXPECT_EQ( one->lines().at( 0 )["key"], "10.1.1.2" );
+
+   // A group goes in the middle of being told.
+   for ( int i = 0; i < 5000; ++i ) {
+      web->serverIpIs( *IpGenAddr::fromText( fmt::format( "10.2.{}.{}", i / 256, i % 256 ) ) );
+   }
+   const auto all = peer();
+   talk( *all, watch( "healthMonitor/config/serverConfig" ), [&] { return !all->input.empty(); } );
+   serverConfig()->nhgConfigDel( "web" );
+   talk( *all, "", [&] { return all->input.find( "removed" ) != std::string::npos; } );
+   const auto lines = all->lines();
+   EXPECT_GT( lines.size(), 5000u );
+   for ( const auto & line : lines ) {
+      const auto path = line["path"].get<std::string>();
+      ASSERT_TRUE( path.starts_with( "healthMonitor/config/serverConfig" ) ) << line;
+   }
 }
 
 TEST_F( ControlSocketTest, TellsAWatcherInsideAnEntryThatTheEntryWent ) {
@@ -311,15 +354,58 @@ TEST_F( ControlSocketTest, GivesTheSlotOfTheMostSilentClientToANewOne ) {
    EXPECT_TRUE( silent.front()->ended );
    silent.clear();
    EXPECT_TRUE( turnUntil( [&] { return server->clientCount() == 0; } ) );
+}
 
-   std::vector<std::unique_ptr<Peer>> watchers;
-   for ( std::size_t i = 0; i < ControlServer::maxClients; ++i ) {
-      watchers.push_back( peer() );
-      watchers.back()->send( "{\"command\":\"watch\"}\n" );
-      loop->runOnce();
+TEST_F( ControlSocketTest, NeverTakesTheSlotOfARequestUnderWayWhileAnotherIsIdle ) {
+   const std::string watchNothing = "{\"command\":\"watch\",\"path\":\"bridging\"}\n";
+   std::vector<std::unique_ptr<Peer>> clients;
+   const auto arrive = [&]( const std::string & request ) {
+      clients.push_back( peer() );
+      clients.back()->send( request );
+      for ( int turns = 0; turns < 10; ++turns ) {
+         loop->runOnce();
+      }
+   };
+   enum { halfADocument, deaf };
+   arrive( "{\"command\":\"apply\",\"file\":\"f\",\"documentBytes\":100}\nabc" );
+   arrive( "{\"command\":\"watch\"}\n" );
+   while ( clients.size() < ControlServer::maxClients - 1 ) {
+      arrive( watchNothing );
    }
-   const auto late = peer();
-   EXPECT_EQ( last( *late, "" ), Json( { { "refused", { "too many clients" } } } ) );
+   const auto idle = clients.size();
+   arrive( "{\"command\":\"clean-state\"}\n" );
+   const auto ended = [&] {
+      std::vector<std::size_t> all;
+      for ( std::size_t i = 0; i < clients.size(); ++i ) {
+         if ( i != deaf ) {
+            clients[i]->receive();
+            clients[i]->receive(); // the end comes behind what was sent before it
+         }
+         if ( clients[i]->ended ) {
+            all.push_back( i );
+         }
+      }
+      return all;
+   };
+   clock.advance( Seconds{ 60 } );
+   arrive( watchNothing );
+   EXPECT_THAT( ended(), ElementsAre( idle ) );
+   // A client that has kept the host waiting for long gives way when nobody else is idle.
+   arrive( watchNothing );
+   EXPECT_THAT( ended(), ElementsAre( halfADocument, idle ) );
+   for ( int i = 0; i < 30'000; ++i ) {
+      probeConfig()->probeIntervalIs( Seconds{ 1.0 + i % 2 } );
+   }
+   arrive( watchNothing );
+   (void)ended();
+   EXPECT_EQ( clients.back()->input,
+         "{\"refused\":[\"too many clients, and all of them have a request under way\"]}\n" );
+   EXPECT_EQ( server->clientCount(), ControlServer::maxClients );
+   clock.advance( Seconds{ 60 } );
+   arrive( watchNothing );
+   talk( *clients[deaf], "", [] { return false; } ); // until it ends
+   EXPECT_THAT( ended(), ElementsAre( halfADocument, deaf, idle, clients.size() - 2 ) );
+   EXPECT_EQ( server->clientCount(), ControlServer::maxClients );
 }
 
 TEST_F( ControlSocketTest, BoundsTheDocumentsOfAllClientsTogether ) {

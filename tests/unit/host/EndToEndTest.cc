@@ -1,3 +1,5 @@
+#include "host/Host.h"
+
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -5,7 +7,9 @@
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -185,6 +189,10 @@ TEST_F( Programs, TellRefusalWrongUsageAndNoHostApart ) {
    EXPECT_EQ( ctl( { "apply", directory + "/none" } ).status, 1 );
    EXPECT_EQ( ctl( { "apply", "-" }, std::string( 17u << 20, '#' ) ).errors,
          "the document is larger than 16777216 bytes\n" );
+   EXPECT_EQ( ctl( { "apply", directory + "/a\x1b\xff" } ).errors,
+         directory + "/a?\xef\xbf\xbd: No such file or directory\n" );
+   EXPECT_EQ( ctl( { "apply", file( "b\xff", "x: 1\n" ) } ).errors,
+         directory + "/b\xef\xbf\xbd:1: no such path: x\n" );
    EXPECT_EQ( ctl( { "set", "host/status", "pid", "1" } ).status, 1 );
    EXPECT_EQ( ctl( { "get", "x" } ).errors, "no such path: x\n" );
    EXPECT_EQ( ctl( { "get", "\xff" } ).status, 2 );
@@ -228,6 +236,45 @@ TEST_F( Programs, ReadTheStartupFileAgainOnHangup ) {
    EXPECT_TRUE( waitUntil( [&] { return ctl( { "get", interval } ).output == interval + ": 9\n"; } ) );
 }
 
+TEST_F( Programs, IgnoreAHangupWhileTheyAreTornDown ) {
+   const auto gate = directory + "/gate";
+   setenv( "HM_TEST_GATE", gate.c_str(), 1 );
+   hostStart( { "--config", file( "start.yaml", oneServer ) } );
+   unsetenv( "HM_TEST_GATE" );
+   host->signal( SIGTERM );
+   ASSERT_TRUE( waitUntil( [&] { return std::filesystem::exists( gate ); } ) );
+   host->signal( SIGHUP );
+   std::filesystem::remove( gate );
+   EXPECT_EQ( host->wait().status, 0 );
+}
+
+TEST_F( Programs, TakeTheStartupConfigurationFromAPipeOnce ) {
+   const auto pipe = directory + "/pipe";
+   ASSERT_EQ( mkfifo( pipe.c_str(), 0600 ), 0 );
+   host = std::make_unique<Process>( directory + "/host", hostArguments( { "--config", pipe } ) );
+   int fd = -1;
+   ASSERT_TRUE( waitUntil( [&] { return ( fd = open( pipe.c_str(), O_WRONLY | O_NONBLOCK ) ) >= 0; } ) );
+   // More than the pipe holds, so that it runs empty in between.
+   const auto document = interval + ": 7\n" + std::string( 300'000, '#' ) + "\n" + oneServer;
+   std::string_view rest = document;
+   EXPECT_TRUE( waitUntil( [&] {
+      const auto size = write( fd, rest.data(), rest.size() );
+      rest.remove_prefix( size > 0 ? static_cast<std::size_t>( size ) : 0 );
+      return rest.empty();
+   } ) );
+   close( fd );
+   ASSERT_TRUE( waitUntil( [&] { return ctl( { "get", interval } ).output == interval + ": 7\n"; } ) );
+   EXPECT_THAT( ctl( { "get", "healthMonitor/config/serverConfig" } ).output, HasSubstr( "10.1.1.1" ) );
+   host->signal( SIGHUP );
+   EXPECT_TRUE( waitUntil(
+         [&] { return host->text( ".err" ).find( "is no regular file" ) != std::string::npos; } ) );
+   EXPECT_EQ( ctl( { "get", interval } ).output, interval + ": 7\n" );
+
+   std::string text;
+   EXPECT_EQ(
+         host::fileRead( pipe, host::FileKind::any, 1000, text, 1ms ), pipe + ": nothing came for 0.001 s" );
+}
+
 TEST_F( Programs, KeepOneHostASocket ) {
    hostStart();
    const auto second = hostRun( hostArguments() );
@@ -255,6 +302,21 @@ TEST_F( Programs, SayWhyTheyCannotStart ) {
    EXPECT_THAT(
          hostRun( { HM_HOST_PROGRAM, "--agent", HM_TEST_AGENT, "--socket", directory + "/plain" } ).errors,
          HasSubstr( "is in the way: it is no socket" ) );
+   std::filesystem::create_symlink( "/dev/null", directory + "/link.lock" );
+   EXPECT_THAT(
+         hostRun( { HM_HOST_PROGRAM, "--agent", HM_TEST_AGENT, "--socket", directory + "/link" } ).errors,
+         HasSubstr( "cannot open " + directory + "/link.lock" ) );
+   // A socket that somebody listens on, though nobody holds its lock.
+   sockaddr_un address{ AF_UNIX, {} };
+   const auto taken = directory + "/taken";
+   taken.copy( address.sun_path, sizeof address.sun_path - 1 );
+   const int listener = ::socket( AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0 );
+   ASSERT_EQ( bind( listener, reinterpret_cast<const sockaddr *>( &address ), sizeof address ), 0 );
+   ASSERT_EQ( listen( listener, 1 ), 0 );
+   EXPECT_THAT( hostRun( { HM_HOST_PROGRAM, "--agent", HM_TEST_AGENT, "--socket", taken } ).errors,
+         HasSubstr( "another program listens on " + taken ) );
+   EXPECT_TRUE( std::filesystem::exists( taken ) );
+   close( listener );
 }
 
 } // namespace

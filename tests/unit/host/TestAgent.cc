@@ -2,6 +2,12 @@
 #include "platform/Reactor.h"
 #include "platform/state/HmState.h"
 
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
 /// The smallest agent that shows a host at work: it publishes every configured server as up.
 namespace {
 
@@ -41,6 +47,15 @@ class Publisher final : public Reactor {
 class TestAgent final : public Agent {
  public:
    explicit TestAgent( const char * name ) : Agent( name ) {}
+   // Makes the file that HM_TEST_GATE names and waits until somebody takes it away.
+   ~TestAgent() override {
+      const auto * gate = std::getenv( "HM_TEST_GATE" );
+      if ( gate && std::ofstream( gate ).good() ) {
+         while ( std::filesystem::exists( gate ) ) {
+            std::this_thread::sleep_for( std::chrono::milliseconds( 2 ) );
+         }
+      }
+   }
 
    void doInit() override {
       const auto group = mountGroup();

@@ -3,6 +3,7 @@
 #include "EngineFixture.h"
 #include "TestServer.h"
 #include <atomic>
+#include <map>
 #include <set>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -283,6 +284,35 @@ TEST_F( Reload, ANewScheduleReachesHostsThatWaitAndHostsThatMove ) {
    threads = 2;
    ASSERT_TRUE( reload( { group.interval( 50 ) } ) );
    awaitEach( 6 );
+}
+
+TEST_F( Reload, ALongerIntervalIsFilledEvenly ) {
+   TestGroup group = TestGroup{ "db" }.type( "tcp" ).port( unusedPort() );
+   std::vector< std::string > names;
+   for ( int i = 0; i < 40; ++i ) {
+      names.push_back( "h" + std::to_string( i ) );
+      group.host( names.back() );
+   }
+   const auto awaitNext = [&] {
+      std::map< std::string, std::size_t > counts;
+      for ( const std::string & name : names )
+         counts[name] = results->count( name );
+      for ( const auto & [name, count] : counts )
+         results->await( name, count + 1 );
+   };
+   start( { group.interval( 10 ) } );
+   for ( const std::string & name : names )
+      address( name );
+   awaitNext();
+   ASSERT_TRUE( reload( { group.interval( 400 ) } ) );
+   awaitNext(); // due before
+   const std::size_t before = results->all().size();
+   awaitNext();
+   const auto all = results->all();
+   std::set< unsigned long > quarters; // checks 10 ms apart fall into two of them at most
+   for ( std::size_t i = before; i < all.size(); ++i )
+      quarters.insert( all[i].m_checkTime.getTimeSinceEpoch() % 400 / 100 );
+   EXPECT_EQ( quarters.size(), 4u );
 }
 
 TEST_F( Reload, ANewSourceAddressIsUsedInsteadOfBoundDescriptors ) {

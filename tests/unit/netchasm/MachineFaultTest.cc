@@ -2,8 +2,11 @@
 #include "EngineFixture.h"
 #include "TestServer.h"
 #include <cerrno>
+#include <condition_variable>
 #include <map>
+#include <mutex>
 #include <sys/resource.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -119,6 +122,65 @@ INSTANTIATE_TEST_SUITE_P( Machine, MachineFault,
             Fault{ "bind: Cannot assign", &WatchedCalls::Plan::bind, EADDRNOTAVAIL },
             Fault{ "connect: Cannot assign", &WatchedCalls::Plan::connect, EADDRNOTAVAIL },
             Fault{ "send: No buffer space", &WatchedCalls::Plan::send, ENOBUFS } ) );
+
+TEST_F( Machine, StandingStillIsBlamedOnNoServer ) {
+   std::mutex mutex;
+   std::condition_variable changed;
+   bool mayAnswer = false;
+   std::atomic< int > asked = 0;
+   const TestServer slow{ [&]( int fd ) {
+      readRequest( fd );
+      ++asked;
+      std::unique_lock lock{ mutex };
+      changed.wait( lock, [&] { return mayAnswer; } );
+      writeAll( fd, okReply() );
+   } };
+   const TestServer silent{ [&]( int fd ) {
+      readRequest( fd );
+      ++asked;
+      waitForEnd( fd );
+   } };
+   /// Holds the worker, once, while two checks wait for their replies.
+   struct Holding : Results {
+      explicit Holding( const std::atomic< int > & asked ) : asked_{ asked } {}
+      bool storeHostCheckResult( HMCheckData & data ) override {
+         Results::storeHostCheckResult( data );
+         if ( asked_ == 2 && !held.exchange( true ) )
+            std::this_thread::sleep_for( std::chrono::milliseconds{ 1700 } ); // beyond either check's time
+         return true;
+      }
+      std::atomic< bool > held = false;
+
+    private:
+      const std::atomic< int > & asked_;
+   };
+   const auto holding = std::make_shared< Holding >( asked );
+   results = holding;
+   engine->observerIs( results );
+   threads = 1;
+   start( { TestGroup{ "slow" }.port( slow.port() ).interval( 60'000 ).timeout( 1500 ).host( "slow" ),
+         TestGroup{ "silent" }.port( silent.port() ).interval( 60'000 ).timeout( 1500 ).host( "silent" ),
+         TestGroup{ "quick" }.port( server.port() ).interval( 20 ).timeout( 1500 ).host( "quick" ) } );
+   for ( const char * host : { "quick", "slow", "silent" } )
+      address( host );
+   results->next( []( const auto & data ) {
+      return data.m_hostName == "quick" && data.m_response == HM_RESPONSE_NOT_CHECKED;
+   } );
+   EXPECT_TRUE( holding->held );
+   results->await( "quick", results->count( "quick" ) + 2 ); // the loop has looked at its timers
+   {
+      const std::lock_guard lock{ mutex };
+      mayAnswer = true;
+   }
+   changed.notify_all();
+   results->await( "slow", 1 );
+   results->await( "silent", 1 );
+   for ( const HMCheckData & data : results->all() ) {
+      EXPECT_TRUE( data.m_response == HM_RESPONSE_ANSWERED || data.m_reason == HM_REASON_NO_VERDICT )
+            << data.m_hostName << " " << int{ data.m_reason };
+   }
+   EXPECT_EQ( log->count( "this machine is too slow for its checks" ), 1u ) << log->all();
+}
 
 TEST_F( Machine, SourceAddressThatIsNotHereHoldsTheVerdict ) {
    const HMCheckData data =

@@ -1,0 +1,51 @@
+#include "HealthMonitor/HmOperatorCli.h"
+
+#include "HealthMonitor/HmProbeNow.h"
+#include "HealthMonitor/HmStatusTable.h"
+
+namespace hm {
+
+namespace {
+
+constexpr std::string_view statusCommand = "status";
+constexpr std::string_view probeCommand = "probe";
+
+/// What stands behind `command` and a blank; empty when nothing does or the command is another.
+std::string_view argumentsOf( std::string_view text, std::string_view command ) {
+   return text.starts_with( command ) && text.size() > command.size() && text[command.size()] == ' '
+                ? text.substr( command.size() + 1 )
+                : std::string_view{};
+}
+
+} // namespace
+
+HmOperatorCli::HmOperatorCli( std::string name, std::string commandType, HmAgent * agent )
+      : AgentCommandCallbackWithFormat( std::move( name ), std::move( commandType ) ),
+        hmAgent_( agent ) {}
+
+std::vector<CommandInfo> HmOperatorCli::commands() const {
+   return { { std::string( statusCommand ), "[NHG]",
+                  "State of every server, or of those of one nexthop group, and why" },
+         { std::string( probeCommand ), "NHG SERVER",
+               "Check one server once, now, and show what it answers" } };
+}
+
+void HmOperatorCli::handleCommand( unsigned, const std::string &, unsigned ) {
+   // Both commands are answered in slices.
+}
+
+Ptr<AsyncCommandRequestSm> HmOperatorCli::createAgentAsyncCommandRequestSm(
+      const Ptr<const AgentCommandRequest> & request ) {
+   const auto & command = request->command();
+   if ( const auto group = argumentsOf( command, statusCommand );
+         !group.empty() || command == statusCommand ) {
+      return new StatusTableSm( request, hmAgent_, NexthopGroupName( group ) );
+   }
+   if ( const auto arguments = argumentsOf( command, probeCommand );
+         !arguments.empty() || command == probeCommand ) {
+      return new ProbeNowSm( request, hmAgent_, arguments );
+   }
+   return nullptr;
+}
+
+} // namespace hm

@@ -1,0 +1,162 @@
+#include "host/CrossCheck.h"
+
+#include "host/Applier.h"
+#include "tests/unit/host/TestState.h"
+
+#include <gmock/gmock.h>
+
+namespace host {
+
+using namespace platform;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+const std::string probe = "healthMonitor/config/probeConfig";
+const std::string servers = "healthMonitor/config/serverConfig";
+
+std::string group( const std::string & name, const std::string & members ) {
+   return servers + "/nhgConfig/" + name + ": { serverIp: [ " + members + " ] }\n";
+}
+
+std::string settings( const std::string & name, const std::string & content ) {
+   return probe + "/nhgProbeConfig/" + name + ": { " + content + " }\n";
+}
+
+ChangeRequest document( const std::string & text ) {
+   ChangeRequest request;
+   request.source = "f.yaml";
+   request.text = text;
+   return request;
+}
+
+ChangeRequest set( const std::string & path, const std::string & attribute, const std::string & value ) {
+   ChangeRequest request;
+   request.kind = ChangeRequest::Kind::set;
+   request.path = path;
+   request.attribute = attribute;
+   request.value = value;
+   return request;
+}
+
+} // namespace
+
+class Crossed : public StateTest {
+ protected:
+   // Brings the change into effect unless it is refused.
+   std::vector<std::string> errorsOf( const ChangeRequest & request ) const {
+      const auto change = checkChange( *schema, request );
+      EXPECT_THAT( change->errors, IsEmpty() );
+      CrossCheck check( manager, change );
+      while ( check.step() ) {}
+      if ( check.errors().empty() ) {
+         Applier applier( manager, change );
+         while ( applier.step() ) {}
+      }
+      return check.errors().lines();
+   }
+};
+
+TEST_F( Crossed, GroupsAreOfOneFamily ) {
+   struct Row {
+      const char * name;
+      std::string stands;
+      ChangeRequest change;
+      std::string error; // empty: accepted
+   };
+   const auto mixed = [&]( const char * at, const char * one, const char * other ) {
+      const auto family = []( const std::string & address ) {
+         return address.find( ':' ) == address.npos ? "IPv4" : "IPv6";
+      };
+      return fmt::format( "{}{}/nhgConfig/web: serverIp: {} is {}, {} of the same group is {}: one group is "
+                          "probed over one family",
+            at, servers, one, family( one ), other, family( other ) );
+   };
+   const auto vip4 = probe +
+                     "/nhgProbeConfig/web: vip: 192.0.2.1 is IPv4, the servers of the group are IPv6: "
+                     "they cannot be probed through it";
+   const auto vip6 = probe +
+                     "/nhgProbeConfig/web: vip: 2001:db8::1 is IPv6, the servers of the group are IPv4: "
+                     "they cannot be probed through it";
+   const auto web = servers + "/nhgConfig/web", webProbe = probe + "/nhgProbeConfig/web";
+   const Row rows[] = {
+         { "both in a document", "", document( "\n" + group( "web", "10.1.1.1, \"2001:db8::1\"" ) ),
+               mixed( "f.yaml:2: ", "2001:db8::1", "10.1.1.1" ) },
+         { "a server of the other family is added", group( "web", "10.1.1.1" ),
+               set( web, "serverIp", "2001:db8::1" ), mixed( "", "2001:db8::1", "10.1.1.1" ) },
+         { "the first server is added", group( "web", "" ), set( web, "serverIp", "2001:db8::1" ), "" },
+         { "all servers are replaced", group( "web", "10.1.1.1" ),
+               document( web + "/serverIp: [ \"2001:db8::1\", \"2001:db8::2\" ]\n" ), "" },
+         { "vip of a document, at any depth", "",
+               document( servers + ": { nhgConfig: { web: { serverIp: [ 10.1.1.1 ] } } }\n" + probe +
+                         ":\n  nhgProbeConfig:\n    web: { vip: \"2001:db8::1\" }\n" ),
+               "f.yaml:4: " + vip6 },
+         { "vip for servers that stand", group( "web", "10.1.1.1" ),
+               document( settings( "web", "vip: \"2001:db8::1\"" ) ), "f.yaml:1: " + vip6 },
+         { "the same, one attribute", group( "web", "10.1.1.1" ), set( webProbe, "vip", "2001:db8::1" ),
+               vip6 },
+         { "servers for a vip that stands", settings( "web", "vip: 192.0.2.1" ),
+               document( "\n" + group( "web", "\"2001:db8::1\"" ) ), "f.yaml:2: " + vip4 },
+         { "the same, one server", settings( "web", "vip: 192.0.2.1" ), set( web, "serverIp", "2001:db8::1" ),
+               vip4 },
+         { "the vip that stands goes with the change", settings( "web", "vip: 192.0.2.1" ),
+               document( group( "web", "\"2001:db8::1\"" ) + settings( "web", "timeout: 3" ) ), "" },
+         { "servers that stand go with the change", group( "web", "10.1.1.1" ),
+               document( settings( "web", "vip: \"2001:db8::1\"" ) + servers + ": {}\n" ), "" },
+         { "another group", group( "web", "10.1.1.1" ) + settings( "web", "vip: 192.0.2.1" ),
+               document( group( "db", "\"2001:db8::1\"" ) ), "" },
+   };
+   for ( const auto & row : rows ) {
+      ASSERT_THAT( errorsOf( document( servers + ": {}\n" + probe + ": {}\n" ) ), IsEmpty() );
+      if ( !row.stands.empty() ) {
+         ASSERT_THAT( errorsOf( document( row.stands ) ), IsEmpty() ) << row.name;
+      }
+      if ( row.error.empty() ) {
+         EXPECT_THAT( errorsOf( row.change ), IsEmpty() ) << row.name;
+      } else {
+         EXPECT_THAT( errorsOf( row.change ), ElementsAre( row.error ) ) << row.name;
+      }
+   }
+}
+
+// 16,383 servers stand in two groups, some of them in both.
+TEST_F( Crossed, NoMoreServersThanCanBeProbed ) {
+   const auto tooMany = servers +
+                        ": the groups that have a URL have more than 16383 different servers; no more "
+                        "can be probed";
+   ASSERT_THAT( errorsOf( document( manyServers( 16'383, "web" ) + manyServers( 100, "db" ) +
+                                    settings( "db", "tcpUrl: \"tcp://h:1\"" ) ) ),
+         IsEmpty() );
+   const auto web = servers + "/nhgConfig/web", probeOf = probe + "/nhgProbeConfig/";
+   EXPECT_THAT( errorsOf( set( probeOf + "web", "httpUrl", "http://h/" ) ), IsEmpty() );
+   EXPECT_THAT( errorsOf( set( web, "serverIp", "10.0.1.0" ) ), IsEmpty() ); // is a member
+   EXPECT_THAT( errorsOf( set( web, "serverIp", "10.9.9.9" ) ), ElementsAre( tooMany ) );
+   EXPECT_THAT(
+         errorsOf( document( group( "third", "10.9.9.9" ) + settings( "third", "httpUrl: \"http://h/\"" ) ) ),
+         ElementsAre( "f.yaml: " + tooMany ) );
+   // Without a URL a group needs nothing to probe it by, until it gets one.
+   EXPECT_THAT( errorsOf( document( group( "third", "10.9.9.9" ) ) ), IsEmpty() );
+   EXPECT_THAT( errorsOf( set( probe, "globalUrl", "http://h/" ) ), ElementsAre( tooMany ) );
+   EXPECT_THAT( errorsOf( set( probeOf + "third", "tcpUrl", "tcp://h:1" ) ), ElementsAre( tooMany ) );
+   EXPECT_THAT(
+         errorsOf( document( web + ": {}\n" + settings( "third", "tcpUrl: \"tcp://h:1\"" ) ) ), IsEmpty() );
+}
+
+TEST_F( Crossed, NamesOfTheEngineHaveABound ) {
+   std::string many = servers + "/nhgConfig:\n  a: &a\n    serverIp: [ 10.0.0.0";
+   for ( int i = 1; i < 20; ++i ) {
+      many += ", 10.0.0." + std::to_string( i );
+   }
+   many += " ]\n";
+   for ( int i = 0; i < 2100; ++i ) {
+      many += "  " + std::string( 240, 'x' ) + std::to_string( i ) + ": *a\n";
+   }
+   const auto change = document( many + probe + "/globalUrl: \"http://h/\"\n" );
+   EXPECT_THAT( errorsOf( document( many ) ), IsEmpty() );
+   EXPECT_THAT( errorsOf( change ), ElementsAre( "f.yaml: " + servers +
+                                                 ": the groups that have a URL have too many "
+                                                 "members together, or too long names" ) );
+}
+
+} // namespace host
