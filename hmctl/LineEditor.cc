@@ -187,6 +187,7 @@ LineEditor::~LineEditor() {
 
 std::optional<std::string> LineEditor::line() {
    int count = 0;
+   el_set( parts_->editor, EL_PREP_TERM, 1 ); // or keys that follow the prompt closely are taken as a line's
    errno = 0;
    const char * text = el_gets( parts_->editor, &count );
    if ( !text || count <= 0 ) {

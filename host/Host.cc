@@ -106,6 +106,7 @@ Host::~Host() {
 }
 
 std::vector<std::string> Host::start() {
+   traceFacility(); // an operator finds it before its first line
    if ( auto refusal = socket_.open( options_.socketPath ) ) {
       return { *refusal };
    }
