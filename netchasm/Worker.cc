@@ -21,6 +21,8 @@ bool isFinal( HM_REASON reason ) {
 
 /// More about a failure than its reason says; empty when there is no more.
 std::string detailOf( const Check * check, const Outcome & outcome ) {
+   if ( outcome.reason == HM_REASON_CONNECT_REFUSED )
+      return {};
    if ( outcome.systemError != 0 )
       return std::generic_category().message( outcome.systemError );
    if ( check && ( outcome.reason == HM_REASON_TLS_HANDSHAKE || outcome.reason == HM_REASON_TLS_VERIFY ) )
