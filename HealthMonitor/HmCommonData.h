@@ -1,5 +1,6 @@
 #pragma once
 
+#include "HealthMonitor/HmPayloadIntake.h"
 #include "platform/Assert.h"
 #include "platform/Entity.h"
 #include "platform/HBitmap.h"
@@ -190,8 +191,12 @@ class CommonData : public Entity {
    }
    void serverMarkBitmapDel() { serverMarkBitmap_ = nullptr; }
 
+   /// Between whoever judges response bodies and the engine's threads, which outlive this object.
+   const Ptr<PayloadIntake> & payloadIntake() const { return payloadIntake_; }
+
  private:
    Ptr<HBitmap> serverMarkBitmap_;
+   const Ptr<PayloadIntake> payloadIntake_ = new PayloadIntake();
 };
 
 } // namespace hm

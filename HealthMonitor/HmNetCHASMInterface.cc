@@ -163,7 +163,8 @@ void NetCHASMInterface::notificationsEnabledIs( bool enabled ) {
 
 void NetCHASMInterface::initializeHmStorage() {
    HM_TRACE( 9, "" );
-   netChasmStateMgr()->registerStorageObserver( std::make_shared<NetCHASMStorageObserver>( resultQueue_ ) );
+   netChasmStateMgr()->registerStorageObserver(
+         std::make_shared<NetCHASMStorageObserver>( resultQueue_, hmCommonData_->payloadIntake() ) );
 }
 
 void NetCHASMInterface::netChasmStateMgrIs( HMStateManager * manager ) {

@@ -46,12 +46,15 @@ void ProbeStatusSm::handleInitialized() {
          handleProbeResult();
       }
    } );
+   watch( hmProbeConfig_->responsePayloadRule(), HmState::ResponseRule::patternAttr(),
+         [this] { handlePayloadPattern(); } );
    handleProbeResult();
 }
 
 void ProbeStatusSm::notificationsEnabledIs( bool enabled ) {
    Reactor::notificationsEnabledIs( enabled );
    if ( enabled ) {
+      handlePayloadPattern();
       handleProbeResult();
    }
 }
@@ -62,6 +65,11 @@ void ProbeStatusSm::handleProbeResult() {
       HM_TRACE( 4, "scheduling task" );
       task_->scheduleTask();
    }
+}
+
+void ProbeStatusSm::handlePayloadPattern() {
+   hmCommonData_->payloadIntake()->wantedIs(
+         hmProbeConfig_->responsePayloadRule()->pattern() != HmState::rulePatternNone );
 }
 
 void ProbeStatusSm::processProbeResult() {
@@ -103,7 +111,7 @@ void ProbeStatusSm::handleResult( const ProbeResult & result ) {
    };
    const auto oldState = stateText();
    maybePublishProbeStatus( result.hostName, result.response, result.responseCode, result.responsePayload,
-         result.reason, result.weight );
+         result.reason, result.weight, result.payloadLeftOut );
    publishProbeCounters( result.hostName, result.response, result.numChecks, result.numResponses,
          result.numConnectFailures, result.numFailures, result.numTimeouts, result.lastResponseTime,
          result.lastCheckTime );
@@ -124,7 +132,7 @@ void ProbeStatusSm::handleResult( const ProbeResult & result ) {
 
 void ProbeStatusSm::maybePublishProbeStatus( const std::string & hostName, std::uint8_t response,
       std::uint32_t responseCode, const std::string & responsePayload, std::uint8_t reason,
-      std::uint32_t weight ) {
+      std::uint32_t weight, bool payloadLeftOut ) {
    HM_TRACE( 9, "hostName: {}, response: {}, response code: {}, response payload: {}, reason: {}, weight: {}",
          hostName, response, responseCode, responsePayload, reason, weight );
    const auto server = ipNhgPair( hostName );
@@ -139,8 +147,10 @@ void ProbeStatusSm::maybePublishProbeStatus( const std::string & hostName, std::
    AdminState httpAdminState, tcpAdminState;
    OperState httpOperState, tcpOperState;
    if ( probeType == ProbeType::http ) {
-      httpAdminState = getHttpAdminState( nhgName, serverIp, response, responseCode, responsePayload );
-      httpOperState = getHttpOperState( nhgName, serverIp, response, responseCode, responsePayload, reason );
+      httpAdminState =
+            getHttpAdminState( nhgName, serverIp, response, responseCode, responsePayload, payloadLeftOut );
+      httpOperState = getHttpOperState(
+            nhgName, serverIp, response, responseCode, responsePayload, reason, payloadLeftOut );
       tcpAdminState = getCachedAdminState( nhgName, serverIp, ProbeType::tcp );
       tcpOperState = getCachedOperState( nhgName, serverIp, ProbeType::tcp );
       updateProbeStatusCache( nhgName, serverIp, ProbeType::http, httpAdminState, httpOperState, weight );
@@ -248,20 +258,30 @@ void ProbeStatusSm::updateProbeStatusCache( const NexthopGroupName & nhgName, co
 
 ProbeStatusSm::AdminState ProbeStatusSm::getHttpAdminState( const NexthopGroupName & nhgName,
       const IpGenAddr & serverIp, std::uint8_t response, std::uint32_t responseCode,
-      const std::string & responsePayload ) {
+      const std::string & responsePayload, bool payloadLeftOut ) {
    if ( response != responseAnswered ) {
       return getServerProbeStatus( nhgName, serverIp, ProbeType::http )->adminState();
    }
-   return responseRules_.verdict( *hmProbeConfig_, responseCode, responsePayload ).adminState;
+   return answerVerdict( nhgName, serverIp, responseCode, responsePayload, payloadLeftOut ).adminState;
 }
 
 ProbeStatusSm::OperState ProbeStatusSm::getHttpOperState( const NexthopGroupName & nhgName,
       const IpGenAddr & serverIp, std::uint8_t response, std::uint32_t responseCode,
-      const std::string & responsePayload, std::uint8_t reason ) {
+      const std::string & responsePayload, std::uint8_t reason, bool payloadLeftOut ) {
    if ( response != responseAnswered ) {
       return operStateWithoutAnswer( nhgName, serverIp, ProbeType::http, reason );
    }
-   return responseRules_.verdict( *hmProbeConfig_, responseCode, responsePayload ).operState;
+   return answerVerdict( nhgName, serverIp, responseCode, responsePayload, payloadLeftOut ).operState;
+}
+
+HttpVerdict ProbeStatusSm::answerVerdict( const NexthopGroupName & nhgName, const IpGenAddr & serverIp,
+      std::uint32_t responseCode, const std::string & responsePayload, bool payloadLeftOut ) {
+   if ( !payloadLeftOut ) {
+      return responseRules_.verdict( *hmProbeConfig_, responseCode, responsePayload );
+   }
+   const auto cached = getServerProbeStatus( nhgName, serverIp, ProbeType::http );
+   return responseRules_.verdictWithoutPayload(
+         *hmProbeConfig_, responseCode, { cached->adminState(), cached->operState() } );
 }
 
 ProbeStatusSm::AdminState ProbeStatusSm::getTcpAdminState(

@@ -34,10 +34,12 @@ class ProbeStatusSm final : public Reactor {
 
    const Ptr<Task> & task() const { return task_; }
 
-   // `response` and `reason` are the engine's codes: response 1 is an answer, reason 1 no verdict.
+   // `response` and `reason` are the engine's codes: response 1 is an answer, reason 1 no verdict. With
+   // `payloadLeftOut` the body of the answer is not known, and a rule on it is not asked: the state stands as
+   // far as that rule has a say.
    void maybePublishProbeStatus( const std::string & hostName, std::uint8_t response,
          std::uint32_t responseCode, const std::string & responsePayload, std::uint8_t reason,
-         std::uint32_t weight );
+         std::uint32_t weight, bool payloadLeftOut = false );
    /// Times in milliseconds: a duration, and since the epoch.
    void publishProbeCounters( const std::string & hostName, std::uint8_t response, std::uint32_t numChecks,
          std::uint32_t numResponses, std::uint32_t numConnectFailures, std::uint32_t numFailures,
@@ -54,6 +56,7 @@ class ProbeStatusSm final : public Reactor {
 
  private:
    void handleProbeResult();
+   void handlePayloadPattern(); // bodies are asked for while a rule reads them
    void processProbeResult();
    void noteReason( const std::string & hostName, std::uint8_t reason ); // of the last verdict, for people
    /// Publishes what a result says, and traces at level 4 when that changes what is published.
@@ -67,10 +70,13 @@ class ProbeStatusSm final : public Reactor {
          ProbeType probeType, AdminState adminState, OperState operState, std::uint32_t weight );
 
    AdminState getHttpAdminState( const NexthopGroupName & nhgName, const IpGenAddr & serverIp,
-         std::uint8_t response, std::uint32_t responseCode, const std::string & responsePayload );
+         std::uint8_t response, std::uint32_t responseCode, const std::string & responsePayload,
+         bool payloadLeftOut );
    OperState getHttpOperState( const NexthopGroupName & nhgName, const IpGenAddr & serverIp,
          std::uint8_t response, std::uint32_t responseCode, const std::string & responsePayload,
-         std::uint8_t reason );
+         std::uint8_t reason, bool payloadLeftOut );
+   HttpVerdict answerVerdict( const NexthopGroupName & nhgName, const IpGenAddr & serverIp,
+         std::uint32_t responseCode, const std::string & responsePayload, bool payloadLeftOut );
    AdminState getTcpAdminState(
          const NexthopGroupName & nhgName, const IpGenAddr & serverIp, std::uint8_t response ) const;
    OperState getTcpOperState( const NexthopGroupName & nhgName, const IpGenAddr & serverIp,

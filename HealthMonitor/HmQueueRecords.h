@@ -1,5 +1,6 @@
 #pragma once
 
+#include "HealthMonitor/HmPayloadIntake.h"
 #include "platform/EventMpmcQueue.h"
 #include "platform/IpGenAddr.h"
 
@@ -72,7 +73,7 @@ struct ProbeResult final : QueueElement {
          std::string responsePayload_, std::uint8_t reason_, std::uint32_t numChecks_,
          std::uint32_t numResponses_, std::uint32_t numConnectFailures_, std::uint32_t numFailures_,
          std::uint32_t numTimeouts_, std::uint32_t lastResponseTime_, std::uint64_t lastCheckTime_,
-         std::uint16_t weight_ )
+         std::uint16_t weight_, bool payloadLeftOut_ = false, PayloadTicket payloadTicket_ = {} )
          : hostName( std::move( hostName_ ) ),
            response( response_ ),
            responseCode( responseCode_ ),
@@ -85,7 +86,9 @@ struct ProbeResult final : QueueElement {
            numTimeouts( numTimeouts_ ),
            lastResponseTime( lastResponseTime_ ),
            lastCheckTime( lastCheckTime_ ),
-           weight( weight_ ) {}
+           weight( weight_ ),
+           payloadLeftOut( payloadLeftOut_ ),
+           payloadTicket( std::move( payloadTicket_ ) ) {}
 
    const std::string hostName;
    const std::uint8_t response;
@@ -100,6 +103,8 @@ struct ProbeResult final : QueueElement {
    const std::uint32_t lastResponseTime; // milliseconds
    const std::uint64_t lastCheckTime;    // milliseconds since the epoch
    const std::uint16_t weight;
+   const bool payloadLeftOut; // there was a body, and responsePayload does not have it
+   const PayloadTicket payloadTicket;
 };
 
 } // namespace hm

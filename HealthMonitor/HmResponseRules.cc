@@ -10,6 +10,15 @@ std::string_view upToNul( std::string_view text ) {
    return text.substr( 0, text.find( '\0' ) );
 }
 
+void apply( const HmState::ResponseRule & rule, HttpVerdict & verdict ) {
+   if ( rule.action() == HmState::ruleActionShutdown ) {
+      verdict.adminState = HmState::ServerAdminState::shutdown;
+   }
+   if ( rule.action() == HmState::ruleActionDown ) {
+      verdict.operState = HmState::ServerOperState::down;
+   }
+}
+
 } // namespace
 
 void ResponseRuleMatcher::patternIs( std::string_view pattern ) {
@@ -29,9 +38,13 @@ void ResponseRuleMatcher::patternIs( std::string_view pattern ) {
    }
 }
 
-bool ResponseRuleMatcher::foundIn( const HmState::ResponseRule & rule, std::string_view text ) {
+bool ResponseRuleMatcher::configured( const HmState::ResponseRule & rule ) {
    patternIs( upToNul( rule.pattern() ) );
-   if ( !regex_ ) {
+   return regex_.has_value();
+}
+
+bool ResponseRuleMatcher::foundIn( const HmState::ResponseRule & rule, std::string_view text ) {
+   if ( !configured( rule ) ) {
       return false;
    }
    if ( !lastFound_ || lastText_ != text ) {
@@ -42,30 +55,33 @@ bool ResponseRuleMatcher::foundIn( const HmState::ResponseRule & rule, std::stri
 }
 
 bool ResponseRuleMatcher::matches( const HmState::ResponseRule & rule, std::string_view text ) {
-   patternIs( upToNul( rule.pattern() ) );
-   return regex_ && regex_->matches( text );
+   return configured( rule ) && regex_->matches( text );
 }
 
 HttpVerdict HttpResponseRules::verdict(
       const HmState::ProbeConfig & probeConfig, std::uint32_t responseCode, const std::string & payload ) {
    HttpVerdict verdict;
-   const auto apply = [&verdict]( const HmState::ResponseRule & rule ) {
-      if ( rule.action() == HmState::ruleActionShutdown ) {
-         verdict.adminState = HmState::ServerAdminState::shutdown;
-      }
-      if ( rule.action() == HmState::ruleActionDown ) {
-         verdict.operState = HmState::ServerOperState::down;
-      }
-   };
    const auto payloadRule = probeConfig.responsePayloadRule();
    if ( payloadRule_.foundIn( *payloadRule, upToNul( payload ) ) ) {
-      apply( *payloadRule );
+      apply( *payloadRule, verdict );
    }
+   applyCodeRule( probeConfig, responseCode, verdict );
+   return verdict;
+}
+
+HttpVerdict HttpResponseRules::verdictWithoutPayload(
+      const HmState::ProbeConfig & probeConfig, std::uint32_t responseCode, const HttpVerdict & last ) {
+   auto verdict = payloadRule_.configured( *probeConfig.responsePayloadRule() ) ? last : HttpVerdict{};
+   applyCodeRule( probeConfig, responseCode, verdict );
+   return verdict;
+}
+
+void HttpResponseRules::applyCodeRule(
+      const HmState::ProbeConfig & probeConfig, std::uint32_t responseCode, HttpVerdict & verdict ) {
    const auto codeRule = probeConfig.responseCodeRule();
    if ( codeRule_.matches( *codeRule, std::to_string( responseCode ) ) ) {
-      apply( *codeRule );
+      apply( *codeRule, verdict );
    }
-   return verdict;
 }
 
 } // namespace hm

@@ -19,6 +19,7 @@ class ResponseRuleMatcher {
    /// `name` of the rule, for traces.
    explicit ResponseRuleMatcher( const char * name ) : name_( name ) {}
 
+   bool configured( const HmState::ResponseRule & rule );
    bool foundIn( const HmState::ResponseRule & rule, std::string_view text );
    bool matches( const HmState::ResponseRule & rule, std::string_view text );
 
@@ -47,8 +48,15 @@ class HttpResponseRules {
    /// `payload` counts up to its first NUL byte.
    HttpVerdict verdict(
          const HmState::ProbeConfig & probeConfig, std::uint32_t responseCode, const std::string & payload );
+   /// Of a response whose payload is not known: what the payload's rule would say stands as in `last`, the
+   /// verdict before.
+   HttpVerdict verdictWithoutPayload(
+         const HmState::ProbeConfig & probeConfig, std::uint32_t responseCode, const HttpVerdict & last );
 
  private:
+   void applyCodeRule(
+         const HmState::ProbeConfig & probeConfig, std::uint32_t responseCode, HttpVerdict & verdict );
+
    ResponseRuleMatcher payloadRule_{ "responsePayloadRule" };
    ResponseRuleMatcher codeRule_{ "responseCodeRule" };
 };

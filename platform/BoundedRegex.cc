@@ -14,6 +14,7 @@ thread_local std::size_t statesCompiled; // of the automaton that is being built
 #include "platform/BoundedRegex.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 
 #include <fmt/format.h>
@@ -62,6 +63,10 @@ bool hasHugeNumber( std::string_view pattern ) {
       }
    }
    return false;
+}
+
+bool isPlainText( std::string_view pattern ) {
+   return pattern.find_first_of( "^$\\.*+?()[]{}|" ) == pattern.npos;
 }
 
 /// What is left of one match, and where the text ends: moved up when nothing is left.
@@ -141,6 +146,7 @@ struct Automaton {
 struct BoundedRegex::Compiled {
    Automaton whole;
    Automaton anywhere;
+   std::string literal; // what the pattern finds when it is plain text; empty: it is not, or finds anything
 };
 
 std::optional<BoundedRegex> BoundedRegex::compile( std::string_view pattern, std::string * why ) {
@@ -164,8 +170,8 @@ std::optional<BoundedRegex> BoundedRegex::compile( std::string_view pattern, std
       // match finds the same. The pattern by itself goes first: "a)(b" is none, though it is one in brackets.
       Automaton whole( text );
       Automaton anywhere( "[^]*?(?:" + text + ")[^]*" );
-      return BoundedRegex(
-            std::make_shared<Compiled>( Compiled{ std::move( whole ), std::move( anywhere ) } ) );
+      return BoundedRegex( std::make_shared<Compiled>(
+            Compiled{ std::move( whole ), std::move( anywhere ), isPlainText( pattern ) ? text : "" } ) );
    } catch ( const std::regex_error & error ) {
       *why = whyRefused( error.code() );
       return std::nullopt;
@@ -173,6 +179,11 @@ std::optional<BoundedRegex> BoundedRegex::compile( std::string_view pattern, std
 }
 
 bool BoundedRegex::foundIn( std::string_view text ) const {
+   // A thousand times cheaper than the executor, and linear whatever the two are.
+   if ( const auto & literal = compiled_->literal; !literal.empty() ) {
+      const auto size = std::min( text.size(), maxTextBytes );
+      return size >= literal.size() && memmem( text.data(), size, literal.data(), literal.size() );
+   }
    return compiled_->anywhere.matches( text );
 }
 

@@ -22,7 +22,7 @@ namespace platform {
 /// Searched: the first `maxTextBytes` of the text. A pattern that keeps many states alive uses up `maxSteps`
 /// earlier, and is then matched against what it has seen by that time as if the text ended there; where that
 /// is depends on nothing but pattern and text. An ordinary rule, such as `"status": *"(UP|OK)"`, sees all of
-/// the 16 KiB.
+/// the 16 KiB, and so does foundIn() of plain text, which is looked for without the automaton.
 class BoundedRegex {
  public:
    static constexpr std::size_t maxPatternBytes = 256;

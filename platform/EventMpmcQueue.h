@@ -11,8 +11,11 @@ namespace platform {
 class QueueElement : public RefCounted {};
 
 /// Hands elements from any number of producer threads to consumers, whose loop a push wakes. Elements of one
-/// producer come out in the order in which it pushed them. Unbounded: the producers of this process push no
-/// more than the work that they were given.
+/// producer come out in the order in which it pushed them.
+///
+/// Unbounded, so that a push never blocks: what waits grows while the consumers are slower than the
+/// producers. Whoever pushes elements of a size that others decide, such as bytes of a server, bounds what of
+/// it waits.
 class EventMpmcQueue : public RefCounted {
  public:
    /// `capacityHint` elements are reserved; 0 leaves the growth to the queue. `consumerEvent` wakes the

@@ -1,4 +1,5 @@
 // From check results to what is published: the states by kind of check, the rules, the two kinds together.
+#include "HealthMonitor/HmNetCHASMStorageObserver.h"
 #include "HealthMonitor/HmProbeStatusSm.h"
 #include "HealthMonitor/HmQueueRecords.h"
 #include "HealthMonitor/HmUtils.h"
@@ -72,6 +73,17 @@ class ProbeStatusTest : public testing::Test {
       push( "tcp/web/10.1.1.1", response, reason, 0, {}, weight );
       process();
    }
+   /// An answer as the engine hands it over, on its way through the observer.
+   void observe( const std::string & payload, std::uint32_t code = 200 ) {
+      HMCheckData data;
+      data.m_hostName = "http/web/10.1.1.1";
+      data.m_response = HM_RESPONSE_ANSWERED;
+      data.m_responseCode = code;
+      data.m_responsePayload = payload;
+      data.m_numChecks = ++checks_;
+      observer_.storeHostCheckResult( data );
+   }
+   std::size_t waitingBytes() const { return data_->payloadIntake()->waitingBytes(); }
    Ptr<HmState::ProbeStatus> entry() { return status_->nhgProbeStatus( "web" )->serverProbeStatus( ip_ ); }
    std::string published() { return word( entry()->adminState(), entry()->operState() ); }
    Ptr<ProbeTypeCounters> counters( ProbeType type ) {
@@ -86,6 +98,8 @@ class ProbeStatusTest : public testing::Test {
    const Ptr<CommonData> data_ = new CommonData;
    const Ptr<HmState::ProbeConfig> config_ = new HmState::ProbeConfig;
    const Ptr<HmState::ServerStatus> status_ = new HmState::ServerStatus;
+   NetCHASMStorageObserver observer_{ results_, data_->payloadIntake() };
+   std::uint32_t checks_ = 0;
    Ptr<ProbeStatusSm> sm_;
 };
 
@@ -189,6 +203,70 @@ TEST_F( ProbeStatusTest, AChangedPatternAppliesToABodySeenBefore ) {
    config_->responsePayloadRule()->patternIs( std::string( "ne\0x", 4 ) );
    http( 1, 0, 200, "never" );
    EXPECT_EQ( published(), "enabled down" );
+}
+
+TEST_F( ProbeStatusTest, BodiesTravelOnlyWhileARuleReadsThem ) {
+   tcp( 1 );
+   observe( "in maintenance" );
+   EXPECT_EQ( waitingBytes(), 0u );
+   process();
+   EXPECT_EQ( published(), "enabled up" );
+   observe( "in maintenance" );
+   httpRules( "maint", 0, "invalid", 0 );
+   process();
+   EXPECT_EQ( published(), "enabled up" ) << "its body was left out before there was a rule";
+   observe( "in maintenance" );
+   EXPECT_EQ( waitingBytes(), 14u );
+   process();
+   EXPECT_EQ( published(), "enabled down" );
+   EXPECT_EQ( waitingBytes(), 0u );
+   observe( "in maintenance" );
+   httpRules( "invalid", 0, "invalid", 0 );
+   observe( "in maintenance" );
+   EXPECT_EQ( waitingBytes(), 14u );
+   process();
+   EXPECT_EQ( published(), "enabled up" );
+   sm_->notificationsEnabledIs( false );
+   httpRules( "maint", 0, "invalid", 0 );
+   sm_->notificationsEnabledIs( true );
+   observe( "in maintenance" );
+   process();
+   EXPECT_EQ( published(), "enabled down" );
+}
+
+TEST_F( ProbeStatusTest, BodiesThatNobodyTakesAreBoundedAndTheRestOfTheResultArrives ) {
+   constexpr std::size_t bodyBytes = 16 * 1024, roomFor = PayloadIntake::maxWaitingBytes / bodyBytes;
+   const std::string fine( bodyBytes, '.' );
+   httpRules( "maint", 1, "503", 0 );
+   tcp( 1 );
+   traceToStderrIs( true );
+   testing::internal::CaptureStderr();
+   for ( std::size_t i = 0; i < 2 * roomFor; ++i ) {
+      observe( i == roomFor - 1 ? "maint" + fine.substr( 5 ) : fine );
+      EXPECT_LE( waitingBytes(), PayloadIntake::maxWaitingBytes );
+   }
+   EXPECT_EQ( waitingBytes(), PayloadIntake::maxWaitingBytes );
+   process();
+   EXPECT_EQ( published(), "shutdown up" ) << "the last body that is known says so";
+   EXPECT_EQ( counters( ProbeType::http )->numChecks(), 2 * roomFor );
+   EXPECT_EQ( waitingBytes(), 0u );
+   const auto stall = [&] {
+      for ( std::size_t i = 0; i < roomFor; ++i ) {
+         observe( fine );
+      }
+   };
+   stall();
+   observe( fine, 503 );
+   process();
+   EXPECT_EQ( published(), "enabled down" ) << "the rule on codes needs no body";
+   stall();
+   observe( "maint" );
+   observe( {} );
+   process();
+   EXPECT_EQ( published(), "enabled up" );
+   traceToStderrIs( false );
+   const auto lines = testing::internal::GetCapturedStderr();
+   EXPECT_EQ( std::ranges::count( lines, '\n' ), 3 ) << "one each time that it begins: " << lines;
 }
 
 TEST_F( ProbeStatusTest, EveryConfiguredKindOfCheckHasItsSay ) {

@@ -19,6 +19,7 @@ class WatchedCalls : public netchasm::SocketCalls {
       std::mutex mutex;
       std::vector< std::pair< std::uint16_t, std::uint32_t > >
             connects; ///< peer port, mark on the socket at the time
+      std::vector< std::pair< int, std::uint16_t > > binds; ///< family, port that the bind alone took
 
       std::vector< std::uint32_t > marksTo( std::uint16_t to ) {
          const std::lock_guard lock{ mutex };
@@ -39,7 +40,16 @@ class WatchedCalls : public netchasm::SocketCalls {
       return fails( plan_->mark ) ? -1 : SocketCalls::setMark( fd, mark );
    }
    int bindSource( int fd, const netchasm::SocketAddress & source ) override {
-      return fails( plan_->bind ) ? -1 : SocketCalls::bindSource( fd, source );
+      if ( fails( plan_->bind ) )
+         return -1;
+      const int result = SocketCalls::bindSource( fd, source );
+      sockaddr_in6 local{}; // the port stands where that of sockaddr_in does
+      socklen_t size = sizeof( local );
+      if ( result == 0 && ::getsockname( fd, reinterpret_cast< sockaddr * >( &local ), &size ) == 0 ) {
+         const std::lock_guard lock{ plan_->mutex };
+         plan_->binds.emplace_back( local.sin6_family, ntohs( local.sin6_port ) );
+      }
+      return result;
    }
    int connect( int fd, const netchasm::SocketAddress & peer ) override {
       if ( fails( plan_->connect ) )
@@ -180,6 +190,20 @@ TEST_F( Machine, StandingStillIsBlamedOnNoServer ) {
             << data.m_hostName << " " << int{ data.m_reason };
    }
    EXPECT_EQ( log->count( "this machine is too slow for its checks" ), 1u ) << log->all();
+}
+
+// A port taken at the bind is taken from all destinations: the range would bound the checks of a source.
+TEST_F( Machine, ASourceTakesItsPortOnlyAtTheConnect ) {
+   start( { TestGroup{ "four" }.port( server.port() ).with( "source-address: 127.0.0.1" ).host( "4" ),
+         TestGroup{ "six" }.port( server.port() ).with( "source-address: \"::1\"" ).host( "6" ) } );
+   address( "4" );
+   address( "6", "::1" ); // nobody listens there
+   results->await( "4", 1 );
+   results->await( "6", 1 );
+   const std::lock_guard lock{ plan->mutex };
+   EXPECT_THAT( plan->binds, testing::Contains( testing::Pair( AF_INET, 0 ) ) );
+   EXPECT_THAT( plan->binds, testing::Contains( testing::Pair( AF_INET6, 0 ) ) );
+   EXPECT_THAT( plan->binds, testing::Each( testing::Pair( testing::_, 0 ) ) );
 }
 
 TEST_F( Machine, SourceAddressThatIsNotHereHoldsTheVerdict ) {

@@ -59,6 +59,28 @@ TEST( BoundedRegex, FindsAnywhereAndMatchesWhole ) {
    }
 }
 
+TEST( BoundedRegex, PlainTextIsFoundWhereTheAutomatonFindsIt ) {
+   const std::string nul( 1, '\0' );
+   const std::string nearlyAll( BoundedRegex::maxTextBytes - 5, 'm' );
+   const std::string literals[] = { "maintenance", "m", "mm", "down", " ", "a\nb", "caf\xc3\xa9", "\xff",
+         "-,:/<>=!\"'#&~%@;_`", "x" + nul + "y" };
+   const std::string texts[] = { "", "m", "maintenanc", "maintenance", "in mmaintenance.", "Maintenance",
+         "down\n", "a\nb", "a b", "un caf\xc3\xa9 noir", "caf\xc3", "\xff", "<-,:/<>=!\"'#&~%@;_`",
+         "x" + nul + "y", "xy", nearlyAll, nearlyAll + " down", nearlyAll + "  down" };
+   unsigned found = 0;
+   for ( const auto & literal : literals ) {
+      const auto plain = compiled( literal );
+      const auto automaton = compiled( "(?:" + literal + ")" ); // the same, but not plain text
+      for ( const auto & text : texts ) {
+         SCOPED_TRACE( literal + " in " + text.substr( 0, 40 ) );
+         EXPECT_EQ( plain.foundIn( text ), automaton.foundIn( text ) );
+         EXPECT_EQ( plain.matches( text ), automaton.matches( text ) );
+         found += plain.foundIn( text );
+      }
+   }
+   EXPECT_EQ( found, 25u );
+}
+
 TEST( BoundedRegex, RefusesWhatHasNoBoundAndWhatIsNoPattern ) {
    const std::pair<std::string, const char *> rows[] = {
          { "(a)\\1", "back-references" },
@@ -104,6 +126,9 @@ TEST( BoundedRegex, AnOrdinaryRuleSeesAllOfTheTextAndNothingSeesMore ) {
    const auto rule = compiled( "\"(UP|OK)\"" );
    EXPECT_TRUE( rule.foundIn( filler + "x \"UP\" y" ) );
    EXPECT_FALSE( rule.foundIn( filler + "........\"UP\"" ) );
+   const auto word = compiled( "draining" );
+   EXPECT_TRUE( word.foundIn( filler + "draining" ) );
+   EXPECT_FALSE( word.foundIn( filler + "-draining" ) );
    // What keeps hundreds of states alive sees a part only, and that part decides.
    EXPECT_TRUE( compiled( "x.{400}" ).foundIn( "x" + filler ) );
    EXPECT_FALSE( compiled( ".{400}x" ).foundIn( filler + "x" ) );
