@@ -99,35 +99,37 @@ void ProbeStatusSm::processProbeResult() {
 }
 
 void ProbeStatusSm::handleResult( const ProbeResult & result ) {
-   constexpr int level = 4;
    const auto server = ipNhgPair( result.hostName );
    const auto group = hmServerStatus_->nhgProbeStatus( server.nhgName );
-   const auto published =
-         group && traceFacility().levelEnabled( level ) ? group->serverProbeStatus( server.ip ) : nullptr;
-   const auto stateText = [&published] {
-      return published ? fmt::format( "{} {}", ValueTraits<AdminState>::toText( published->adminState() ),
-                               ValueTraits<OperState>::toText( published->operState() ) )
-                       : std::string{};
+   const auto published = group ? group->serverProbeStatus( server.ip ) : nullptr;
+   const auto state = [&published] {
+      return published ? std::pair( published->adminState(), published->operState() )
+                       : std::pair( AdminState::enabled, OperState::down );
    };
-   const auto oldState = stateText();
+   const auto before = state();
    maybePublishProbeStatus( result.hostName, result.response, result.responseCode, result.responsePayload,
          result.reason, result.weight, result.payloadLeftOut );
    publishProbeCounters( result.hostName, result.response, result.numChecks, result.numResponses,
          result.numConnectFailures, result.numFailures, result.numTimeouts, result.lastResponseTime,
          result.lastCheckTime );
    noteReason( result.hostName, result.reason );
-   if ( const auto newState = stateText(); newState != oldState ) {
-      const auto probeType = probeTypeFromHostName( result.hostName );
-      const auto cached = getServerProbeStatus( server.nhgName, server.ip, probeType );
-      const bool ruled =
-            result.response == responseAnswered &&
-            ( cached->adminState() != AdminState::enabled || cached->operState() != OperState::up );
-      HM_TRACE( level,
-            "NHG: {}, server: {}, old state: {}, new state: {}, reason: {} check: {}{}, checks: {}",
-            server.nhgName, server.ip, oldState, newState, probeType,
-            checkReasonText( result.response, result.responseCode, result.reason ),
-            ruled ? ", matches a response rule" : "", result.numChecks );
+   if ( state() == before ) {
+      return;
    }
+   const auto stateText = []( const std::pair<AdminState, OperState> & both ) {
+      return fmt::format( "{} {}", ValueTraits<AdminState>::toText( both.first ),
+            ValueTraits<OperState>::toText( both.second ) );
+   };
+   const auto probeType = probeTypeFromHostName( result.hostName );
+   const auto cached = getServerProbeStatus( server.nhgName, server.ip, probeType );
+   const bool ruled = result.response == responseAnswered &&
+                      ( cached->adminState() != AdminState::enabled || cached->operState() != OperState::up );
+   const auto change = fmt::format( "old state: {}, new state: {}, reason: {} check: {}{}, checks: {}",
+         stateText( before ), stateText( state() ), probeType,
+         checkReasonText( result.response, result.responseCode, result.reason ),
+         ruled ? ", matches a response rule" : "", result.numChecks );
+   HM_TRACE( 4, "NHG: {}, server: {}, {}", server.nhgName, server.ip, change );
+   published->lastChangeIs( change );
 }
 
 void ProbeStatusSm::maybePublishProbeStatus( const std::string & hostName, std::uint8_t response,

@@ -59,7 +59,7 @@ class ProbeStatusSm final : public Reactor {
    void handlePayloadPattern(); // bodies are asked for while a rule reads them
    void processProbeResult();
    void noteReason( const std::string & hostName, std::uint8_t reason ); // of the last verdict, for people
-   /// Publishes what a result says, and traces at level 4 when that changes what is published.
+   /// Publishes what a result says; a change of the two states is told in words too, with a trace at level 4.
    void handleResult( const ProbeResult & result );
 
    IpNhgPair ipNhgPair( const std::string & hostName ) const; // empty when the name is not known (any more)

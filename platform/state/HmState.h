@@ -125,6 +125,7 @@ class ProbeStatus : public Entity {
    HM_ATTRIBUTE( std::uint16_t, weight, 0 )
    /// When a check last changed one of the two states; milliseconds since the epoch, 0: not yet.
    HM_ATTRIBUTE( std::uint64_t, since, 0 )
+   HM_ATTRIBUTE( std::string, lastChange ) // of the two states, in words; empty: none yet
 };
 
 /// Health of the servers of one nexthop group. Published below ServerStatus, and used by the agent for its

@@ -320,6 +320,7 @@ TEST_F( ProbeStatusTest, EachChangeOfAPublishedStateIsOneLineOfTheTrace ) {
                "old state: enabled down, new state: enabled up, reason: http check: answered 200, checks: 1",
                "old state: enabled up, new state: enabled down, reason: http check: answered 503, matches a "
                "response rule, checks: 1" ) );
+   EXPECT_EQ( entry()->lastChange(), events.back() );
 }
 
 TEST_F( ProbeStatusTest, TheWeightIsTheOneOfHttp ) {
