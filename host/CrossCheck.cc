@@ -1,5 +1,7 @@
 #include "host/CrossCheck.h"
 
+#include "platform/state/Ssl.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -16,10 +18,36 @@ constexpr const char * serverConfigPath = "healthMonitor/config/serverConfig";
 constexpr const char * probeConfigPath = "healthMonitor/config/probeConfig";
 // Each server address that is probed has a firewall mark of its own, and there are no more of them.
 constexpr std::size_t maxServers = 16'383;
-// A server counts in every group that it is a member of, once for each kind of check, and is written into the
-// check engine's file under a name that holds the group's. The engine reads files of up to 16 MiB.
-constexpr std::size_t maxHostBytes = 12 * 1024 * 1024;
-constexpr std::size_t hostBytesBesidesName = 64;
+// What has a URL is written into the check engine's file: a block for each group and kind of check, and in it
+// the name of each server, which holds the group's. The engine refuses a file of more than 16 MiB or
+// 1,048,576 values (keys, values, maps and sequences), so that less is accepted here.
+constexpr std::size_t maxEngineBytes = 15 * 1024 * 1024;
+constexpr std::size_t maxEngineValues = 1'000'000;
+constexpr std::size_t valuesBesidesGroups = 1; // the sequence of them
+// 13 settings, the map that holds them, and the sequence of servers with its key.
+constexpr std::size_t valuesAGroup = 13 * 2 + 1 + 2;
+constexpr std::size_t valuesAServer = 1;
+// The longest of every setting with its key, indentation and quotes come to some 340 bytes, without the
+// group's name, the URL and the names of files.
+constexpr std::size_t bytesAGroup = 352;
+// Indentation, quotes, kind of check and address come to 54 bytes.
+constexpr std::size_t bytesAServer = 64;
+// It reads no more hosts than that either, which therefore needs no count of its own.
+static_assert( maxEngineBytes / bytesAServer < std::size_t{ 1 } << 18 );
+// Trusted roots and client certificate, of at most so many bytes each; a byte beyond ASCII may become two.
+constexpr std::size_t bytesOfFiles = std::size_t{ 2 } * 2 * Mgmt::Security::Ssl::maxFilePathBytes;
+
+// At most what a text takes in YAML without its quotes: control bytes as \xNN, and what is escaped beyond
+// ASCII (U+0080 to U+00A0 as \xNN, U+FEFF as \uFEFF) in two bytes for each of its own.
+std::size_t yamlBytes( std::string_view text ) {
+   std::size_t bytes = 0;
+   for ( const char c : text ) {
+      const auto byte = static_cast<unsigned char>( c );
+      const bool plain = byte >= 0x20 && byte < 0x7f && c != '"' && c != '\\';
+      bytes += plain ? 1 : byte < 0x20 || byte == 0x7f ? 4 : 2;
+   }
+   return bytes;
+}
 
 const AttributeContent nothingSaid{};
 
@@ -115,12 +143,12 @@ void CrossCheck::changeStep() {
       ( ofServers ? serversReplaced_ : settingsReplaced_ ) = true;
       if ( !ofServers && section.kind == ChangeSection::Kind::entity ) {
          const auto * said = attributeOf( section.entity, globalUrl );
-         globalUrl_ = said && !said->text.empty();
+         globalUrlBytes_ = said ? yamlBytes( said->text ) : 0;
       }
    } else if ( place.steps.empty() ) {
       if ( section.kind == ChangeSection::Kind::attribute && place.attribute == &globalUrl ) {
          concerned_ = true;
-         globalUrl_ = !section.attribute.text.empty();
+         globalUrlBytes_ = yamlBytes( section.attribute.text );
       }
    } else if ( place.steps.size() == 1 && place.steps[0].attribute == &collection ) {
       const auto & name = place.steps[0].key;
@@ -142,7 +170,8 @@ void CrossCheck::groupSaid( bool ofServers, const std::string & name, const Enti
    if ( ofServers ) {
       group.servers = &nothingSaid;
    } else {
-      group.http = group.tcp = false;
+      group.httpUrlBytes = 0;
+      group.tcp = group.profile = false;
       group.vip = IpGenAddr{};
    }
    for ( const auto & each : content.attributes ) {
@@ -154,9 +183,11 @@ void CrossCheck::settingSaid( Group & group, const AttributeContent & content ) 
    if ( content.attribute == &NexthopGroupConfig::serverIpAttr().info ) {
       group.servers = &content;
    } else if ( content.attribute == &NexthopGroupProbeConfig::httpUrlAttr().info ) {
-      group.http = !content.text.empty();
+      group.httpUrlBytes = yamlBytes( content.text );
    } else if ( content.attribute == &NexthopGroupProbeConfig::tcpUrlAttr().info ) {
       group.tcp = !content.text.empty();
+   } else if ( content.attribute == &NexthopGroupProbeConfig::sslProfileAttr().info ) {
+      group.profile = !content.text.empty();
    } else if ( content.attribute == &NexthopGroupProbeConfig::vipAttr().info ) {
       group.vip = IpGenAddr::fromText( content.text ).value_or( IpGenAddr{} );
       group.vipLine = content.line;
@@ -180,17 +211,16 @@ void CrossCheck::presentServersStep() {
 
 void CrossCheck::presentSettingsStep() {
    if ( settingsReplaced_ || presentSettings_ == std::default_sentinel ) {
-      if ( !globalUrl_ ) {
-         globalUrl_ = !probeConfig_->globalUrl().empty();
-      }
+      globalUrlBytes_ = globalUrlBytes_.value_or( yamlBytes( probeConfig_->globalUrl() ) );
       phase_ = Phase::groups;
       group_ = groups_.begin();
       return;
    }
    Group & group = groups_[presentSettings_->key];
    const auto & settings = *presentSettings_->value;
-   group.http = group.http.value_or( !settings.httpUrl().empty() );
+   group.httpUrlBytes = group.httpUrlBytes.value_or( yamlBytes( settings.httpUrl() ) );
    group.tcp = group.tcp.value_or( !settings.tcpUrl().empty() );
+   group.profile = group.profile.value_or( !settings.sslProfile().empty() );
    group.vip = group.vip.value_or( settings.vip() );
    ++presentSettings_;
 }
@@ -266,27 +296,49 @@ void CrossCheck::groupEnd( const std::string & name, const Group & group ) {
             fmt::format( "{} is {}, the servers of the group are {}: they cannot be probed through it", vip,
                   familyName( vip ), familyName( first_ ) ) );
    }
-   if ( const auto checks = checksAServer( group ) ) {
-      const auto count = group.servers ? group.servers->keys.size()
-                                       : ( group.present ? group.present->serverIpCount() : 0 ) +
-                                               ( group.added.empty() ? 0 : 1 );
-      members_ += count;
-      hostBytes_ += count * checks * ( name.size() + hostBytesBesidesName );
+   const auto count = group.servers ? group.servers->keys.size()
+                                    : ( group.present ? group.present->serverIpCount() : 0 ) +
+                                            ( group.added.empty() ? 0 : 1 );
+   const auto urlBytes = httpUrlBytes( group );
+   const std::size_t checks = ( urlBytes != 0 ? 1 : 0 ) + ( hasTcp( group ) ? 1 : 0 );
+   if ( count == 0 || checks == 0 ) {
+      return; // it is not written
    }
+   const auto nameBytes = yamlBytes( name );
+   const auto fileBytes = group.profile.value_or( false ) ? bytesOfFiles : 0;
+   members_ += count;
+   engineValues_ += checks * ( valuesAGroup + count * valuesAServer );
+   engineBytes_ +=
+         urlBytes + checks * ( bytesAGroup + nameBytes + fileBytes + count * ( bytesAServer + nameBytes ) );
+}
+
+bool CrossCheck::hasTcp( const Group & group ) {
+   return group.tcp.value_or( false );
 }
 
 // A group without a URL of its own is checked by the global one.
-unsigned CrossCheck::checksAServer( const Group & group ) const {
-   const bool tcp = group.tcp.value_or( false );
-   const bool http = group.http.value_or( false ) || ( *globalUrl_ && !tcp );
-   return ( http ? 1 : 0 ) + ( tcp ? 1 : 0 );
+std::size_t CrossCheck::httpUrlBytes( const Group & group ) const {
+   const auto own = group.httpUrlBytes.value_or( 0 );
+   return own == 0 && !hasTcp( group ) ? *globalUrlBytes_ : own;
 }
 
 void CrossCheck::groupsEnd() {
-   if ( hostBytes_ > maxHostBytes ) {
-      errors_.add( 0, serverConfigPath, {},
-            "the groups that have a URL have too many members together, or too long names" );
-   } else if ( members_ > maxServers ) {
+   const auto bound = [this]( const char * ofWhat, std::size_t takes, std::size_t most ) {
+      if ( takes > most ) {
+         errors_.add( 0, serverConfigPath, {},
+               fmt::format( "the groups that have a URL take {} {} of the check engine's configuration, with "
+                            "their names, settings and members; at most {} are accepted",
+                     takes, ofWhat, most ) );
+      }
+      return takes <= most;
+   };
+   const bool bytesFit = bound( "bytes", engineBytes_, maxEngineBytes );
+   const bool valuesFit = bound( "values", valuesBesidesGroups + engineValues_, maxEngineValues );
+   if ( !bytesFit || !valuesFit ) {
+      phase_ = Phase::release;
+      return;
+   }
+   if ( members_ > maxServers ) {
       // Only now it takes a look at every server, for one may be a member of many groups.
       phase_ = Phase::addresses;
       group_ = groups_.begin();
@@ -307,7 +359,8 @@ void CrossCheck::addressesStep() {
       return;
    }
    const auto & group = group_->second;
-   const auto server = checksAServer( group ) != 0 ? serverNext( group ) : std::nullopt;
+   const bool probed = hasTcp( group ) || httpUrlBytes( group ) != 0;
+   const auto server = probed ? serverNext( group ) : std::nullopt;
    if ( server ) {
       servers_.insert( *server );
       return;

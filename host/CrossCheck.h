@@ -12,7 +12,8 @@ namespace host {
 
 /// What the descriptions of single attributes cannot say: servers that could never be probed. Judges the
 /// state as it will be once a checked change is applied: servers and virtual addresses of one family in a
-/// group, and no more servers in groups that have a URL than can be probed at a time.
+/// group, no more servers in groups that have a URL than can be probed at a time, and no more groups, members
+/// and texts of theirs than the check engine reads.
 ///
 /// Works one step at a time, so that a task may yield between any two. Main thread only; the state must not
 /// be changed by others between the first step and the end of applying the change.
@@ -30,8 +31,10 @@ class CrossCheck {
    struct Group {
       const AttributeContent * servers = nullptr; // what the change says of them
       platform::Ptr<const HmState::NexthopGroupConfig> present{};
-      platform::IpGenAddr added{}; // one server more
-      std::optional<bool> http = std::nullopt, tcp = std::nullopt;
+      platform::IpGenAddr added{};                            // one server more
+      std::optional<std::size_t> httpUrlBytes = std::nullopt; // in YAML; 0: none
+      std::optional<bool> tcp = std::nullopt;
+      std::optional<bool> profile = std::nullopt; // of SSL, of its own
       std::optional<platform::IpGenAddr> vip = std::nullopt;
       std::size_t vipLine = 0;
    };
@@ -53,7 +56,8 @@ class CrossCheck {
    void groupsEnd();
    void addressesStep();
    std::optional<platform::IpGenAddr> serverNext( const Group & group );
-   unsigned checksAServer( const Group & group ) const;
+   static bool hasTcp( const Group & group );
+   std::size_t httpUrlBytes( const Group & group ) const;
 
    const platform::Ptr<HmState::ServerConfig> serverConfig_;
    const platform::Ptr<HmState::ProbeConfig> probeConfig_;
@@ -66,7 +70,7 @@ class CrossCheck {
    bool concerned_ = false;
    bool serversReplaced_ = false;
    bool settingsReplaced_ = false;
-   std::optional<bool> globalUrl_;
+   std::optional<std::size_t> globalUrlBytes_; // in YAML; 0: none
    Walk<HmState::NexthopGroupConfig> presentServers_;
    Walk<HmState::NexthopGroupProbeConfig> presentSettings_;
 
@@ -77,8 +81,10 @@ class CrossCheck {
    bool addedGiven_ = false;
    platform::IpGenAddr first_{}; // of its servers
 
-   std::size_t members_ = 0;   // of the groups that have a URL
-   std::size_t hostBytes_ = 0; // of the engine's names
+   std::size_t members_ = 0; // of the groups that have a URL
+   // What those take of the check engine's configuration, at most.
+   std::size_t engineBytes_ = 0;
+   std::size_t engineValues_ = 0;
    std::unordered_set<platform::IpGenAddr> servers_;
 };
 

@@ -28,34 +28,42 @@ Refusal within( double value, double lowest, double highest ) {
    return std::nullopt;
 }
 
-// SCHEME://HOST[:PORT][/…], the host not empty, an IPv6 one in brackets, the port a number from 1 to 65535.
-Refusal urlCheck( const std::string & url, std::initializer_list<std::string_view> schemes, bool portNeeded,
-      const char * expected ) {
-   if ( url.empty() ) {
-      return std::nullopt;
+// A name of letters, digits, ".", "-" and "_", an IPv4 address, or an IPv6 address in brackets.
+bool isUrlHost( std::string_view host ) {
+   if ( host.starts_with( '[' ) ) {
+      const auto address = IpGenAddr::fromText( host.substr( 1, host.size() - 2 ) );
+      return host.ends_with( ']' ) && address && address->isIpv6();
    }
+   return !host.empty() && std::ranges::all_of( host, []( char c ) {
+      return ( c >= '0' && c <= '9' ) || ( c >= 'a' && c <= 'z' ) || ( c >= 'A' && c <= 'Z' ) || c == '.' ||
+             c == '-' || c == '_';
+   } );
+}
+
+// HOST[:PORT], PORT from 1 to 65535.
+bool isHostAndPort( std::string_view text, bool portNeeded ) {
+   const auto hostEnd = text.starts_with( '[' ) ? text.find( ']' ) + 1 : text.find( ':' );
+   const auto host = text.substr( 0, hostEnd );
+   const auto rest = text.substr( host.size() );
+   if ( rest.empty() ) {
+      return !portNeeded && isUrlHost( host );
+   }
+   std::int64_t port = 0;
+   return rest.starts_with( ':' ) && !platform::integerFromText( rest.substr( 1 ), 1, 65535, port ) &&
+          isUrlHost( host );
+}
+
+// What no URL may hold as it is (RFC 3986, section 2). Bytes beyond ASCII are let pass: paths hold them.
+Refusal urlBytesCheck( std::string_view url ) {
    for ( const char c : url ) {
       if ( static_cast<unsigned char>( c ) <= 0x20 || c == 0x7f ) {
          return "holds a blank or a control byte";
       }
+      if ( std::string_view( "\"<>\\^`{|}" ).find( c ) != std::string_view::npos ) {
+         return fmt::format( "holds {}, which a URL writes as %{:02X}", c, static_cast<unsigned char>( c ) );
+      }
    }
-   const Refusal refusal = fmt::format( "expected {}", expected );
-   const auto * scheme =
-         std::ranges::find_if( schemes, [&url]( auto each ) { return url.starts_with( each ); } );
-   if ( scheme == schemes.end() ) {
-      return refusal;
-   }
-   std::string_view authority = std::string_view( url ).substr( scheme->size() );
-   authority = authority.substr( 0, authority.find_first_of( "/?#" ) );
-   authority.remove_prefix( authority.rfind( '@' ) == authority.npos ? 0 : authority.rfind( '@' ) + 1 );
-   const auto hostEnd = authority.starts_with( '[' ) ? authority.find( ']' ) + 1 : authority.find( ':' );
-   const auto host = authority.substr( 0, hostEnd );
-   const auto rest = authority.substr( host.size() );
-   std::int64_t port = 0;
-   const bool goodPort = rest.empty() ? !portNeeded
-                                      : rest.starts_with( ':' ) &&
-                                              !platform::integerFromText( rest.substr( 1 ), 1, 65535, port );
-   return host.empty() || host == "[]" || !goodPort ? refusal : std::nullopt;
+   return std::nullopt;
 }
 
 } // namespace
@@ -73,12 +81,32 @@ Refusal timeoutCheck( const std::uint32_t & value ) {
 }
 
 Refusal httpUrlCheck( const std::string & url ) {
-   return urlCheck(
-         url, { "http://", "https://" }, false, "http://HOST[:PORT]/PATH or https://HOST[:PORT]/PATH" );
+   if ( url.empty() ) {
+      return std::nullopt;
+   }
+   if ( const auto refusal = urlBytesCheck( url ) ) {
+      return refusal;
+   }
+   for ( const std::string_view scheme : { "http://", "https://" } ) {
+      if ( url.starts_with( scheme ) ) {
+         auto authority = std::string_view( url ).substr( scheme.size() );
+         authority = authority.substr( 0, authority.find_first_of( "/?#" ) );
+         authority.remove_prefix( authority.find( '@' ) + 1 ); // a user's name is not used
+         if ( isHostAndPort( authority, false ) ) {
+            return std::nullopt;
+         }
+      }
+   }
+   return "expected http://HOST[:PORT]/PATH or https://HOST[:PORT]/PATH";
 }
 
+// Nothing may stand behind the port, for it is read from the last colon to the end.
 Refusal tcpUrlCheck( const std::string & url ) {
-   return urlCheck( url, { "tcp://" }, true, "tcp://HOST:PORT, PORT 1..65535" );
+   constexpr std::string_view scheme = "tcp://";
+   const bool good =
+         url.empty() || ( url.starts_with( scheme ) &&
+                              isHostAndPort( std::string_view( url ).substr( scheme.size() ), true ) );
+   return good ? std::nullopt : Refusal( "expected tcp://HOST:PORT, PORT 1..65535" );
 }
 
 Refusal patternCheck( const std::string & pattern ) {

@@ -22,11 +22,16 @@ struct platform::EnumNames<Mgmt::Security::Ssl::ProfileState> {
 
 namespace Mgmt::Security::Ssl {
 
+/// Of a file's name. The check engine is told the names again for each group that has a profile of its own,
+/// and there is a bound to what it can be told together.
+inline constexpr std::size_t maxFilePathBytes = 255;
+platform::Refusal filePathCheck( const std::string & path ); // empty, or without control bytes
+
 class ProfileStatus : public platform::Entity {
    HM_ENTITY( ProfileStatus )
    HM_ATTRIBUTE( ProfileState, state, ProfileState::invalid )
-   HM_ATTRIBUTE( std::string, caFilePath )   // PEM; trusted roots
-   HM_ATTRIBUTE( std::string, certFilePath ) // PEM; client certificate and its key
+   HM_ATTRIBUTE_CHECKED( std::string, caFilePath, filePathCheck )   // PEM; trusted roots
+   HM_ATTRIBUTE_CHECKED( std::string, certFilePath, filePathCheck ) // PEM; client certificate and its key
 };
 
 class Status : public platform::Entity {

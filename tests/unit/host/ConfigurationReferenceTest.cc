@@ -36,7 +36,7 @@ class Reference : public StateTest {
             for ( const auto & path : paths ) {
                documented[path + "/" + match.str( 1 )] = {
                      std::regex_replace( match.str( 2 ), std::regex( R"(\\\|)" ), "|" ), match.str( 3 ),
-                     match.str( 4 ) };
+                     match.str( 4 ) == R"("")" ? "" : match.str( 4 ) };
             }
          }
       }

@@ -143,20 +143,50 @@ TEST_F( Crossed, NoMoreServersThanCanBeProbed ) {
          errorsOf( document( web + ": {}\n" + settings( "third", "tcpUrl: \"tcp://h:1\"" ) ) ), IsEmpty() );
 }
 
-TEST_F( Crossed, NamesOfTheEngineHaveABound ) {
-   std::string many = servers + "/nhgConfig:\n  a: &a\n    serverIp: [ 10.0.0.0";
-   for ( int i = 1; i < 20; ++i ) {
-      many += ", 10.0.0." + std::to_string( i );
+// 15 MiB are accepted: 64 bytes for a server and 352 for its group, the group's name in each, and the URL. A
+// control byte becomes four.
+TEST_F( Crossed, NoMoreBytesThanTheEngineReads ) {
+   std::string name;
+   for ( int i = 0; i < 255; ++i ) {
+      name += "%01";
    }
-   many += " ]\n";
-   for ( int i = 0; i < 2100; ++i ) {
-      many += "  " + std::string( 240, 'x' ) + std::to_string( i ) + ": *a\n";
+   const auto error = []( int bytes ) {
+      return fmt::format( "{}: the groups that have a URL take {} bytes of the check engine's configuration, "
+                          "with their names, settings and members; at most 15728640 are accepted",
+            servers, bytes );
+   };
+   ASSERT_THAT( errorsOf( document( manyServers( 14'508, name ) ) ), IsEmpty() );
+   const auto settingsOf = probe + "/nhgProbeConfig/" + name;
+   const auto url = [&]( int bytes ) {
+      return set( settingsOf, "httpUrl", "http://h/" + std::string( bytes - 9, 'x' ) );
+   };
+   EXPECT_THAT( errorsOf( url( 597 ) ), ElementsAre( error( 15'728'641 ) ) );
+   EXPECT_THAT( errorsOf( url( 596 ) ), IsEmpty() );
+   EXPECT_THAT( errorsOf( set( probe, "globalUrl", "http://other/" ) ), IsEmpty() ); // not that group's
+   EXPECT_THAT( errorsOf( document( group( "db", "" ) ) ), IsEmpty() );              // nothing to write
+   EXPECT_THAT( errorsOf( document( group( "db", "10.0.0.1" ) ) ),
+         ElementsAre( "f.yaml: " + error( 15'728'640 + 352 + 2 + 64 + 2 + 13 ) ) );
+   EXPECT_THAT(
+         errorsOf( set( settingsOf, "sslProfile", "p" ) ), ElementsAre( error( 15'728'640 + 1'020 ) ) );
+   EXPECT_THAT( errorsOf( set( settingsOf, "tcpUrl", "tcp://h:1" ) ),
+         ElementsAre( error( 15'728'640 + 352 + 1'020 + 14'508 * ( 64 + 1'020 ) ) ) );
+}
+
+// 1,000,000 are accepted: 29 for a group and one for each of its servers.
+TEST_F( Crossed, NoMoreValuesThanTheEngineReads ) {
+   std::string text = probe + "/globalUrl: \"http://h/\"\n" + servers + "/nhgConfig:\n  g: { serverIp: [ ";
+   for ( int i = 0; i < 10; ++i ) {
+      text += fmt::format( "{}10.0.0.{}", i == 0 ? "" : ", ", i );
    }
-   const auto change = document( many + probe + "/globalUrl: \"http://h/\"\n" );
-   EXPECT_THAT( errorsOf( document( many ) ), IsEmpty() );
-   EXPECT_THAT( errorsOf( change ), ElementsAre( "f.yaml: " + servers +
-                                                 ": the groups that have a URL have too many "
-                                                 "members together, or too long names" ) );
+   text += " ] }\n";
+   for ( int i = 1; i < 33'333; ++i ) {
+      text += fmt::format( "  g{}: {{ serverIp: [ 10.0.0.1 ] }}\n", i );
+   }
+   EXPECT_THAT( errorsOf( document( text ) ), IsEmpty() );
+   EXPECT_THAT( errorsOf( set( servers + "/nhgConfig/g", "serverIp", "10.0.0.10" ) ),
+         ElementsAre( servers + ": the groups that have a URL take 1000001 values of the check engine's "
+                                "configuration, with their names, settings and members; at most 1000000 are "
+                                "accepted" ) );
 }
 
 } // namespace host

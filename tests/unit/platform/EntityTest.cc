@@ -219,14 +219,40 @@ TEST( EntityDescription, RefusesWhatIsOutOfBounds ) {
          { "globalUrl", "http://:80/", false },
          { "globalUrl", "http://[2001:db8::1/", false },
          { "globalUrl", "http://h:99999/", false },
+         { "globalUrl", "http://[:]/x", false },
+         { "globalUrl", "http://[10.0.0.1]/x", false },
+         { "globalUrl", "http://[]/x", false },
+         { "globalUrl", "http://[fe80::1%eth0]/x", false },
+         { "globalUrl", "http://[::1]x/", false },
+         { "globalUrl", "http://a\"b/", false },
+         { "globalUrl", "http://a%41b/", false },
+         { "globalUrl", "http://a,b/", false },
+         { "globalUrl", "http://web_1.a-b/?q=[1]&r='#s", true },
+         { "globalUrl", "http://h/\"", false },
+         { "globalUrl", "http://h\\x", false },
+         { "globalUrl", "http://h/%22", true },
+         { "globalUrl", "http://user:pass@h:80/", true },
+         { "globalUrl", "http://user@other@h/", false },
+         { "globalUrl", "http://h:/", false },
          { "globalUrl", "http://h/\xff", false },
          { "globalUrl", "http://h/\xc3\xa9", true },
          { "sslProfile", "\xed\xa0\x80", false },
          { "sslProfile", "\xc0\xaf", false },
+         { "tcpUrl", "tcp://[2001:db8::1]:443", true },
+         { "tcpUrl", "tcp://db_1.a-b:65535", true },
+         { "tcpUrl", "tcp://10.0.0.1:0", false },
+         { "tcpUrl", "tcp://10.0.0.1:65536", false },
+         { "tcpUrl", "tcp://10.0.0.1", false },
+         { "tcpUrl", "tcp://[2001:db8::1]", false },
+         { "tcpUrl", "tcp://1.1.1.1:80/", false },
+         { "tcpUrl", "tcp://1.1.1.1:80/abc:zz", false },
+         { "tcpUrl", "tcp://1.1.1.1:80/abc:81", false },
+         { "tcpUrl", "tcp://a:b@h:80", false },
    };
    for ( const auto & c : cases ) {
-      const auto refusal = ProbeConfig::entityType().attribute( c.attribute )->scalar()->check( c.text );
-      EXPECT_EQ( !refusal.has_value(), c.good ) << c.attribute << " = " << c.text;
+      const auto * attribute = ProbeConfig::entityType().attribute( c.attribute );
+      attribute = attribute ? attribute : NexthopGroupProbeConfig::entityType().attribute( c.attribute );
+      EXPECT_EQ( !attribute->scalar()->check( c.text ), c.good ) << c.attribute << " = " << c.text;
    }
 }
 
