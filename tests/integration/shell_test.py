@@ -11,12 +11,11 @@ import tempfile
 import threading
 import unittest
 
-from health_test import BIN, PATIENCE_SECONDS, PROBE_CONFIG, STATUS, HostTest
+from health_test import BIN, PATIENCE_SECONDS, PROBE_CONFIG, HostTest
 from terminal import Terminal
 
 PROMPT = r"hmctl> $"
 MORE = r"\n--More-- .*\)$"
-SERVER_CONFIG = "healthMonitor/config/serverConfig"
 
 
 class ShellCase(HostTest):
@@ -79,6 +78,24 @@ class ShellTest(ShellCase):
         self.assert_seen(shell.expect(PROMPT), r'"s" is ambiguous.*set PATH.*status')
         shell.enter("exit")
         self.assertEqual(shell.ended(), 0)
+
+    def test_show_commands_of_the_agent(self):
+        shell = self.shell()
+        shell.expect(PROMPT)
+        shell.send("sh\thealth-mon\tsum\t")
+        shell.expect("show health-monitor summary $")
+        shell.enter("")
+        self.assertIn("\nMonitoring: disabled\n", shell.expect(PROMPT))
+        shell.enter("sh health-mon sum | json")
+        answer = shell.expect(PROMPT)
+        self.assertIs(json.loads(answer[answer.index("{"):answer.rindex("}") + 1])["monitoring"], False)
+        shell.send("show health-monitor p\td\t?")
+        self.assertIn("interval", shell.expect("show health-monitor probe delay $"))
+        shell.enter("int 5 | match ^[^P]")
+        shell.expect(PROMPT)
+        counters = self.hmctl("sh", "health-mon", "cou", "--json")
+        self.assertEqual((counters.returncode, json.loads(counters.stdout)), (0, {"hmCounters": {}}), counters.stderr)
+        self.assertEqual(self.hmctl("clear", "h", "p", "d").returncode, 0)
 
     def test_ctrl_c_stops_the_output_and_not_the_shell(self):
         shell = self.shell()
@@ -156,8 +173,8 @@ class ShellTest(ShellCase):
         self.assert_seen(shell.expect(PROMPT), r"\nHost +0-4\n")
 
     def test_scripts(self):
-        answer = self.script(f"# levels\ntrace Host 0-3\n\nfrob\ntrace Nope 1\n"
-                             f"trace | match '^Host '\n trace|json\nexit\nget")
+        answer = self.script("# levels\ntrace Host 0-3\n\nfrob\ntrace Nope 1\n"
+                             "trace | match '^Host '\n trace|json\nexit\nget")
         self.assertEqual(answer.returncode, 1)
         self.assert_seen(answer.stdout, r"^Host +0-3\n\{")
         self.assertEqual(json.loads(answer.stdout[answer.stdout.index("{"):])["Host"], "0-3")

@@ -18,7 +18,7 @@ class WatchedCalls : public netchasm::SocketCalls {
       std::atomic< int > open = 0, mark = 0, bind = 0, connect = 0, send = 0; ///< errno to fail with; 0: call
       std::mutex mutex;
       std::vector< std::pair< std::uint16_t, std::uint32_t > >
-            connects; ///< peer port, mark on the socket at the time
+            connects;                                       ///< peer port, mark on the socket at the time
       std::vector< std::pair< int, std::uint16_t > > binds; ///< family, port that the bind alone took
 
       std::vector< std::uint32_t > marksTo( std::uint16_t to ) {
