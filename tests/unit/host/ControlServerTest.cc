@@ -139,8 +139,8 @@ TEST_F( ControlSocketTest, AnswersBadRequestsAndGoesOn ) {
          { "\xff\xfe\n", "the request is not a JSON object" },
          { std::string( 60'000, '[' ) + "\n", "the request is not a JSON object" },
          { "{}\n", "the request has no text \"command\"" },
-         { "{\"command\":\"frob\"}\n",
-               "no such command; there are apply, clean-state, commands, complete, del, get, run, set, trace, watch" },
+         { "{\"command\":\"frob\"}\n", "no such command; there are apply, clean-state, commands, complete, "
+                                       "del, get, run, set, trace, watch" },
          { "{\"command\":\"get\",\"path\":7}\n", "the request has no text \"path\"" },
          { "{\"command\":\"get\",\"path\":\"x\"}\n", "no such path: x" },
          { "{\"command\":\"get\",\"path\":\"ip/status/ipIntfStatus/Lo\"}\n",
