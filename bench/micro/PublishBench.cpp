@@ -157,7 +157,6 @@ BENCHMARK( publishUnderRules )
       ->Args( { 200, 0 } )
       ->Args( { 200, 1 } )
       ->Args( { 16000, 0 } )
-      ->Args( { 16000, 1 } )
       ->UseManualTime()
       ->Unit( benchmark::kMillisecond );
 
