@@ -172,8 +172,9 @@ LineEditor::LineEditor( std::function<Completions( const std::string & line )> c
    el_set( editor, EL_EDITOR, "emacs" );
    el_set( editor, EL_SIGNAL, 1 );
    el_source( editor, nullptr );
-   el_set( editor, EL_ADDFN, "hm-complete", "Completes the word", Parts::completeKey );
-   el_set( editor, EL_ADDFN, "hm-help", "Says what may come next", Parts::helpKey );
+   // Wide: of narrow names the library makes copies that it never frees.
+   el_wset( editor, EL_ADDFN, L"hm-complete", L"Completes the word", Parts::completeKey );
+   el_wset( editor, EL_ADDFN, L"hm-help", L"Says what may come next", Parts::helpKey );
    el_set( editor, EL_BIND, "^I", "hm-complete", nullptr );
    el_set( editor, EL_BIND, "?", "hm-help", nullptr );
    el_set( editor, EL_BIND, "^R", "em-inc-search-prev", nullptr );
