@@ -111,8 +111,7 @@ void ProbeStatusSm::handleResult( const ProbeResult & result ) {
          result.reason, result.weight, result.payloadLeftOut );
    publishProbeCounters( result.hostName, result.response, result.numChecks, result.numResponses,
          result.numConnectFailures, result.numFailures, result.numTimeouts, result.lastResponseTime,
-         result.lastCheckTime );
-   noteReason( result.hostName, result.reason );
+         result.lastCheckTime, result.reason );
    if ( state() == before ) {
       return;
    }
@@ -180,7 +179,7 @@ void ProbeStatusSm::maybePublishProbeStatus( const std::string & hostName, std::
 void ProbeStatusSm::publishProbeCounters( const std::string & hostName, std::uint8_t response,
       std::uint32_t numChecks, std::uint32_t numResponses, std::uint32_t numConnectFailures,
       std::uint32_t numFailures, std::uint32_t numTimeouts, std::uint32_t lastResponseTime,
-      std::uint64_t lastCheckTime ) {
+      std::uint64_t lastCheckTime, std::uint8_t reason ) {
    HM_TRACE( 9,
          "hostName: {}, numChecks: {}, numResponses: {}, numConnectFailures: {}, numFailures: {}, "
          "numTimeouts: {}, lastResponseTime: {}, lastCheckTime: {}",
@@ -206,21 +205,13 @@ void ProbeStatusSm::publishProbeCounters( const std::string & hostName, std::uin
    probeTypeCounters->numTimeoutsIs( numTimeouts );
    probeTypeCounters->lastResponseTimeIs( lastResponseTime );
    probeTypeCounters->lastCheckTimeIs( lastCheckTime );
+   if ( reason != reasonNoVerdict ) { // else the state stands, and so does why
+      probeTypeCounters->lastReasonIs( reason );
+   }
    // Without an answer the next attempt is a retry, whose time the agent does not know.
    const std::uint64_t untilNextMs =
          response == responseAnswered ? std::uint64_t{ hmCommonData_->probeInterval() } * 1000 : 0;
    probeTypeCounters->nextCheckTimeIs( lastCheckTime + untilNextMs );
-}
-
-void ProbeStatusSm::noteReason( const std::string & hostName, std::uint8_t reason ) {
-   if ( reason == reasonNoVerdict ) {
-      return; // the state stands, and so does why
-   }
-   const auto server = ipNhgPair( hostName );
-   const auto group = hmCommonData_->probeCounters( server.nhgName );
-   if ( const auto counters = group ? group->serverIp( server.ip ) : nullptr ) {
-      counters->probeTypeCounters( probeTypeFromHostName( hostName ) )->lastReasonIs( reason );
-   }
 }
 
 IpNhgPair ProbeStatusSm::ipNhgPair( const std::string & hostName ) const {

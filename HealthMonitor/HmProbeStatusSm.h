@@ -43,7 +43,8 @@ class ProbeStatusSm final : public Reactor {
    /// Times in milliseconds: a duration, and since the epoch.
    void publishProbeCounters( const std::string & hostName, std::uint8_t response, std::uint32_t numChecks,
          std::uint32_t numResponses, std::uint32_t numConnectFailures, std::uint32_t numFailures,
-         std::uint32_t numTimeouts, std::uint32_t lastResponseTime, std::uint64_t lastCheckTime );
+         std::uint32_t numTimeouts, std::uint32_t lastResponseTime, std::uint64_t lastCheckTime,
+         std::uint8_t reason );
 
    // What one kind of check said last of a published server; neutral (enabled, up) when its group does not
    // run it.
@@ -58,7 +59,6 @@ class ProbeStatusSm final : public Reactor {
    void handleProbeResult();
    void handlePayloadPattern(); // bodies are asked for while a rule reads them
    void processProbeResult();
-   void noteReason( const std::string & hostName, std::uint8_t reason ); // of the last verdict, for people
    /// Publishes what a result says; a change of the two states is told in words too, with a trace at level 4.
    void handleResult( const ProbeResult & result );
 

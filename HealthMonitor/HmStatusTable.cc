@@ -15,6 +15,7 @@ namespace hm {
 namespace {
 
 constexpr Seconds sliceTime{ 0.1 };
+constexpr int longestIpv6 = 39; // bytes of its text
 
 const char * stateWord( HmState::ServerAdminState admin, HmState::ServerOperState oper ) {
    return admin != HmState::ServerAdminState::enabled ? "shutdown"
@@ -74,13 +75,10 @@ void StatusTableSm::begin() {
       if ( const auto probe = config.nhgProbeConfig( group.key ) ) {
          widen( widths_.vip, probe->vip().text() );
       }
-      // IPv6 ones are last in their order, and are not all of one length.
+      // The servers of a group are of one family.
       const auto & servers = group.value->serverProbeStatusItems();
-      for ( const auto & server : servers ) {
-         if ( server.key.isIpv6() ) {
-            widths_.server = 39;
-         }
-         break;
+      if ( !servers.empty() && servers.begin()->key.isIpv6() ) {
+         widths_.server = longestIpv6;
       }
    }
    printer_.start();

@@ -20,7 +20,7 @@ class Completer {
    Completer( Completions & out, Lookup & lookup ) : out_( out ), lookup_( lookup ) {}
 
    void add( Choice choice ) {
-      if ( choice.kind == Kind::placeholder || choice.text.starts_with( out_.begun ) ) {
+      if ( choice.kind == Kind::hint || choice.text.starts_with( out_.begun ) ) {
          out_.choices.push_back( std::move( choice ) );
       }
    }
@@ -30,7 +30,7 @@ class Completer {
          add( { Kind::word, "json", "JSON rather than text" } );
          add( { Kind::word, "match", "only the lines that a regular expression matches" } );
       } else if ( before.size() == 1 && std::string_view( "match" ).starts_with( before.front() ) ) {
-         add( { Kind::placeholder, "REGEX", "POSIX extended regular expression" } );
+         add( { Kind::hint, "REGEX", "POSIX extended regular expression" } );
       }
    }
 
@@ -80,9 +80,9 @@ class Completer {
       const bool complete = at >= all.size() || all[at].beginsGroup || all[at].repeated;
       if ( complete && out_.begun.empty() ) {
          if ( command.takesJson() ) {
-            add( { Kind::placeholder, "| json", "JSON rather than text" } );
+            add( { Kind::hint, "| json", "JSON rather than text" } );
          }
-         add( { Kind::placeholder, "<Enter>", "run it" } );
+         add( { Kind::hint, "<Enter>", "run it" } );
       }
    }
 
@@ -113,7 +113,7 @@ class Completer {
       } else if ( wanted.name == "FILE" ) {
          files();
       } else {
-         add( { Kind::placeholder, wanted.name, wanted.help } );
+         add( { Kind::hint, wanted.name, wanted.help } );
       }
    }
 
@@ -179,11 +179,11 @@ class Completer {
                at = end + 3;
             }
          } else {
-            add( { Kind::placeholder, "VALUE", describe( each ) } );
+            add( { Kind::hint, "VALUE", describe( each ) } );
          }
          return;
       }
-      add( { Kind::placeholder, "VALUE", help } );
+      add( { Kind::hint, "VALUE", help } );
    }
 
    void files() {
@@ -215,7 +215,7 @@ class Completer {
 
 bool Completions::freeText() const {
    return quoteOpen || ( !begun.empty() && std::ranges::any_of( choices, []( const Choice & choice ) {
-      return choice.kind == Kind::placeholder;
+      return choice.kind == Kind::hint;
    } ) );
 }
 

@@ -13,9 +13,9 @@ namespace hmctl {
 /// Something that may come next on a command line.
 struct Choice {
    enum class Kind {
-      word,        // may be put in
-      flag,        // may be put in once it was begun
-      placeholder, // says what is to be typed
+      word, // may be put in
+      flag, // may be put in once it was begun
+      hint, // says what is to be typed
    };
    Kind kind = Kind::word;
    std::string text; // the whole word
