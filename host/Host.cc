@@ -96,10 +96,7 @@ Host::Host( HostOptions options )
         status_( new HostStatus() ) {}
 
 Host::~Host() {
-   controlServer_ = nullptr;
-   configQueue_ = nullptr;
-   agent_ = nullptr;
-   changeFeed_ = nullptr;
+   teardown();
    for ( auto * each : signals_ ) {
       event_free( each );
    }
@@ -121,6 +118,10 @@ std::vector<std::string> Host::start() {
    status_->pidIs( static_cast<std::uint32_t>( getpid() ) );
    schema_ = std::make_shared<Schema>( *entityManager_, std::vector<std::string>{ HostStatus::path } );
 
+   if ( auto refusal = stateRestore() ) {
+      return { *refusal };
+   }
+   // On top of what was stored: the startup file decides for the paths that it names.
    if ( auto errors = startupConfigure(); !errors.empty() ) {
       return errors;
    }
@@ -141,6 +142,9 @@ std::vector<std::string> Host::start() {
    agent_->doInit();
 
    configQueue_ = new ConfigQueue( mainLoop_, entityManager_, scheduler_, schema_ );
+   if ( stateKeeper_ ) {
+      stateKeeper_->configQueueIs( configQueue_ );
+   }
    changeFeed_ = new ChangeFeed( entityManager_ );
    ControlServices services;
    services.mainLoop = mainLoop_;
@@ -168,11 +172,35 @@ void Host::run() {
       event_del( each );
    }
    HM_TRACE( 4, " the host is stopping" );
+   teardown();
+   traceFlush();
+}
+
+void Host::teardown() {
    controlServer_ = nullptr;
+   if ( stateKeeper_ ) {
+      stateKeeper_->finish(); // as it stands, not as an agent that is being torn down leaves it
+   }
    configQueue_ = nullptr;
+   stateKeeper_ = nullptr;
    agent_ = nullptr;
    changeFeed_ = nullptr;
-   traceFlush();
+}
+
+Refusal Host::stateRestore() {
+   const auto roots = storedRoots( *entityManager_, *schema_ );
+   const auto store = stateStoreMake( options_.stateDb, mainLoop_, roots );
+   if ( !store ) {
+      return std::nullopt;
+   }
+   StateKeeper::Services services;
+   services.mainLoop = mainLoop_;
+   services.scheduler = scheduler_;
+   services.entityManager = entityManager_;
+   services.report = []( const std::string & line ) { report( line ); };
+   services.changeEnded = [this]( const ChangeOutcome & outcome ) { changeEnded( outcome ); };
+   stateKeeper_ = new StateKeeper( services, roots, store );
+   return stateKeeper_->restore();
 }
 
 std::vector<std::string> Host::startupConfigure() {

@@ -6,6 +6,7 @@
 #include "host/ControlSocket.h"
 #include "host/HostStatus.h"
 #include "host/Schema.h"
+#include "host/StateKeeper.h"
 #include "platform/Agent.h"
 
 #include <memory>
@@ -21,6 +22,7 @@ struct HostOptions {
    std::string agentName = "HealthMonitor";
    std::string configFile{}; // empty: none
    std::string socketPath{};
+   StoreUrl stateDb{};
    std::string version{};
 };
 
@@ -38,7 +40,9 @@ class Host {
    void run();
 
  private:
+   platform::Refusal stateRestore();
    std::vector<std::string> startupConfigure();
+   void teardown();
    void hangup();
    void configReload();
    void changeEnded( const ChangeOutcome & outcome );
@@ -56,6 +60,7 @@ class Host {
    bool reloading_ = false;   // the startup file waits to be checked, or to be applied
    bool reloadAgain_ = false; // it may have changed since: once more, however many signals came
    std::shared_ptr<const Schema> schema_;
+   platform::Ptr<StateKeeper> stateKeeper_; // none: the state ends with the process
    platform::Ptr<platform::Agent> agent_;
    platform::Ptr<ConfigQueue> configQueue_;
    platform::Ptr<ChangeFeed> changeFeed_;

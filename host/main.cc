@@ -50,7 +50,9 @@ int main( int argc, char ** argv ) {
    app.add_option( "--socket", options.socketPath, "Control socket (mode 0660)" )
          ->type_name( "PATH" )
          ->capture_default_str();
-   app.add_option( "--state-db", stateDb, "Where the state is kept: memory:" )
+   app.add_option( "--state-db", stateDb,
+            "Where the state outlives the process: memory: (nowhere), sqlite:PATH, redis://HOST[:PORT][/DB], "
+            "redis+unix:PATH[?db=DB]" )
          ->type_name( "URL" )
          ->capture_default_str();
    app.add_option( "--trace", traceSpec, "Trace levels, for instance HealthMonitor=0-4,NetCHASM=5" )
@@ -61,8 +63,8 @@ int main( int argc, char ** argv ) {
    } catch ( const CLI::ParseError & error ) {
       return app.exit( error ) == 0 ? 0 : wrongUsage;
    }
-   if ( stateDb != "memory:" ) {
-      fmt::print( stderr, "hm-host: --state-db \"{}\": only \"memory:\" is supported\n", stateDb );
+   if ( const auto refusal = host::StoreUrl::fromText( stateDb, options.stateDb ) ) {
+      fmt::print( stderr, "hm-host: --state-db {}\n", *refusal );
       return wrongUsage;
    }
    platform::traceToStderrIs( traceStderr );
