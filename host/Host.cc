@@ -143,7 +143,7 @@ std::vector<std::string> Host::start() {
 
    configQueue_ = new ConfigQueue( mainLoop_, entityManager_, scheduler_, schema_ );
    if ( stateKeeper_ ) {
-      stateKeeper_->configQueueIs( configQueue_ );
+      stateKeeper_->agentStarted( configQueue_, agent_->statistics() );
    }
    changeFeed_ = new ChangeFeed( entityManager_ );
    ControlServices services;
@@ -189,7 +189,7 @@ void Host::teardown() {
 
 Refusal Host::stateRestore() {
    const auto roots = storedRoots( *entityManager_, *schema_ );
-   const auto store = stateStoreMake( options_.stateDb, mainLoop_, roots );
+   const auto store = stateStoreMake( options_.stateDb, mainLoop_, schema_, roots );
    if ( !store ) {
       return std::nullopt;
    }
@@ -199,6 +199,9 @@ Refusal Host::stateRestore() {
    services.entityManager = entityManager_;
    services.report = []( const std::string & line ) { report( line ); };
    services.changeEnded = [this]( const ChangeOutcome & outcome ) { changeEnded( outcome ); };
+   services.refusals = [this]( std::uint64_t count ) {
+      status_->stateRefusalsIs( status_->stateRefusals() + count );
+   };
    stateKeeper_ = new StateKeeper( services, roots, store );
    return stateKeeper_->restore();
 }

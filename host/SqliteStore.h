@@ -50,7 +50,7 @@ class SqliteStore final : public StateStore {
    void doInitSm() override;
    void doDelSm() override;
    void handle( const platform::Ptr<platform::QueueElement> & request ) override;
-   bool idle() const override { return pending_.empty() || failing_; }
+   bool idle() override { return pending_.empty() || failing_; }
    void attempt();
    int write( const StoreBatch & batch );
    int change( const StoreChange & change );

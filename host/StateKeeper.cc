@@ -45,6 +45,7 @@ Refusal StateKeeper::restore() {
    bool untidy = false;
    if ( store_->holdsState() ) {
       const auto change = storedChange( roots_, state, "stored state", untidy );
+      services_.refusals( change->errors.size() );
       for ( const auto & error : std::exchange( change->errors, {} ) ) {
          services_.report( error );
       }
@@ -91,13 +92,17 @@ void StateKeeper::begin() {
    }
 }
 
-void StateKeeper::configQueueIs( const Ptr<ConfigQueue> & configQueue ) {
+void StateKeeper::agentStarted( const Ptr<ConfigQueue> & configQueue, std::vector<Statistics> statistics ) {
    configQueue_ = configQueue;
+   if ( store_->isShared() && !statistics.empty() ) {
+      statistics_ = new StatisticsKeeper( services_.scheduler, store_, std::move( statistics ) );
+   }
    task_->scheduleTask();
 }
 
 void StateKeeper::finish() {
    configQueue_ = nullptr;
+   statistics_ = nullptr;
    if ( observing_ ) {
       while ( !dirty_.empty() ) {
          step();
@@ -255,9 +260,11 @@ void StateKeeper::storeEvents() {
          underWay_ = false;
          break;
       case StoreEvent::Kind::empty:
+         statisticsForget();
          wholeMark( true, true );
          break;
       case StoreEvent::Kind::back:
+         statisticsForget();
          wholeMark( false, true );
          readWanted_ = true;
          break;
@@ -267,11 +274,25 @@ void StateKeeper::storeEvents() {
       case StoreEvent::Kind::content:
          contentCame( *event );
          break;
+      case StoreEvent::Kind::counted:
+         if ( statistics_ ) {
+            statistics_->counted();
+         }
+         break;
       case StoreEvent::Kind::message:
-         services_.report( event->text );
+         if ( !event->text.empty() ) {
+            services_.report( event->text );
+         }
+         services_.refusals( event->refusals );
          break;
       }
       task_->scheduleTask();
+   }
+}
+
+void StateKeeper::statisticsForget() {
+   if ( statistics_ ) {
+      statistics_->forgotten();
    }
 }
 
@@ -301,6 +322,7 @@ void StateKeeper::contentCame( const StoreEvent & event ) {
 
 void StateKeeper::refused( const std::vector<std::string> & errors ) {
    services_.changeEnded( { errors, 0 } );
+   services_.refusals( errors.size() );
    store_->push( new StoreRefusal( errors ) );
    wholeMark( true, false );
 }

@@ -2,6 +2,7 @@
 
 #include "host/ConfigQueue.h"
 #include "host/StateStore.h"
+#include "host/StatisticsKeeper.h"
 #include "platform/EntityManager.h"
 #include "platform/Task.h"
 
@@ -33,6 +34,8 @@ class StateKeeper final : public platform::RefCounted, private platform::TreeObs
       std::function<void( const std::string & )> report;
       /// Configuration came from the store, or was refused.
       std::function<void( const ChangeOutcome & )> changeEnded;
+      /// So many things in the store were refused.
+      std::function<void( std::uint64_t )> refusals;
    };
 
    StateKeeper( Services services, std::vector<StoredRoot> roots, platform::Ptr<StateStore> store );
@@ -40,8 +43,10 @@ class StateKeeper final : public platform::RefCounted, private platform::TreeObs
 
    /// Opens the store and brings the state to what it holds. Returns why the host must not start.
    [[nodiscard]] platform::Refusal restore();
-   /// From here on what others write into the store is taken up. `configQueue` outlives finish().
-   void configQueueIs( const platform::Ptr<ConfigQueue> & configQueue );
+   /// From here on what others write into the store is taken up, and statistics are written where they can be
+   /// read. `configQueue` outlives finish().
+   void agentStarted(
+         const platform::Ptr<ConfigQueue> & configQueue, std::vector<platform::Statistics> statistics );
    /// Hands over everything that the store does not have yet, and ends the store.
    void finish();
 
@@ -68,6 +73,7 @@ class StateKeeper final : public platform::RefCounted, private platform::TreeObs
    void keyStep( const std::string & path, const Place & place, const std::string & key, bool wasAway );
    void hand();
    void storeEvents();
+   void statisticsForget();
    void contentCame( const StoreEvent & event );
    void refused( const std::vector<std::string> & errors );
 
@@ -87,6 +93,7 @@ class StateKeeper final : public platform::RefCounted, private platform::TreeObs
    const platform::Ptr<platform::Task> task_;
    platform::Ptr<platform::LoopTimer> beat_;
    platform::Ptr<ConfigQueue> configQueue_;
+   platform::Ptr<StatisticsKeeper> statistics_;
    bool observing_ = false;
    std::map<std::string, Place> dirty_;            // by path, so that an entry precedes what stands below it
    const platform::Entity * lastEntity_ = nullptr; // whose values were noted last, at lastPlace_

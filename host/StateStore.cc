@@ -1,5 +1,6 @@
 #include "host/StateStore.h"
 
+#include "host/RedisStore.h"
 #include "host/SqliteStore.h"
 #include "platform/Printable.h"
 
@@ -43,9 +44,10 @@ void StateStore::tell( StoreEvent::Kind kind ) {
    tell( new StoreEvent( kind ) );
 }
 
-void StateStore::say( const std::string & line ) {
+void StateStore::say( const std::string & line, std::uint64_t refusals ) {
    const Ptr<StoreEvent> event = new StoreEvent( StoreEvent::Kind::message );
    event->text = line;
+   event->refusals = refusals;
    tell( event );
 }
 
@@ -146,7 +148,7 @@ Refusal StoreUrl::fromText( const std::string & text, StoreUrl & url ) {
       read.kind = Kind::redis;
       well = socketRead( *socket, read );
    }
-   if ( !well || read.kind == Kind::redis ) {
+   if ( !well ) {
       return fmt::format( "\"{}\": expected memory:, sqlite:PATH, redis://HOST[:PORT][/DB] or "
                           "redis+unix:PATH[?db=DB]",
             printable( text ) );
@@ -155,16 +157,15 @@ Refusal StoreUrl::fromText( const std::string & text, StoreUrl & url ) {
    return std::nullopt;
 }
 
-Ptr<StateStore> stateStoreMake(
-      const StoreUrl & url, const Ptr<EventLoop> & mainLoop, const std::vector<StoredRoot> & roots ) {
+Ptr<StateStore> stateStoreMake( const StoreUrl & url, const Ptr<EventLoop> & mainLoop,
+      const std::shared_ptr<const Schema> & schema, const std::vector<StoredRoot> & roots ) {
    switch ( url.kind ) {
    case StoreUrl::Kind::memory:
       break;
    case StoreUrl::Kind::sqlite:
       return new SqliteStore( url.path, mainLoop );
    case StoreUrl::Kind::redis:
-      static_cast<void>( roots );
-      break;
+      return new RedisStore( url, mainLoop, schema, roots );
    }
    return nullptr;
 }

@@ -40,6 +40,13 @@ class StoreRead : public platform::QueueElement {
    const std::uint64_t stamp; // given back with the answer
 };
 
+/// Statistics of the agent that others may read in a store that they share: `fields` of `path`, and `remove`
+/// of the key `path`. They are lost when the store is out of reach. At most one is under way.
+class StoreStatistics : public platform::QueueElement {
+ public:
+   std::vector<StoreChange> changes{};
+};
+
 /// Configuration that others wrote there was refused: the writers are to know. It will be replaced.
 class StoreRefusal : public platform::QueueElement {
  public:
@@ -60,6 +67,7 @@ class StoreEvent : public platform::QueueElement {
       back,    // the store is in reach again: what is published is to be compared, the configuration read
       foreign, // others may have written at the configuration paths: read them
       content, // answer to a StoreRead
+      counted, // the statistics that were pushed are written, or cannot be at the moment
       message  // for whoever reads the journal
    };
    explicit StoreEvent( Kind kind ) : kind( kind ) {}
@@ -68,6 +76,7 @@ class StoreEvent : public platform::QueueElement {
    platform::Ptr<CheckedChange> change{}; // content
    bool untidy = false;                   // content: the store holds more than that, or another form
    std::string text{};                    // message
+   std::uint64_t refusals = 0;            // message: things in the store that it tells of
 };
 
 /// Where the state outlives the process. A store holds text by paths (StoredState.h) and knows nothing of
@@ -99,11 +108,11 @@ class StateStore : public platform::EventLoopThread {
    StateStore( std::string threadName, const platform::Ptr<platform::EventLoop> & mainLoop );
 
    virtual void handle( const platform::Ptr<platform::QueueElement> & request ) = 0; // store's thread
-   /// Once handle() has had everything: false while something is left that will end soon.
-   virtual bool idle() const = 0; // store's thread
+   /// Asked once handle() has had everything: false while something is left that will end soon.
+   virtual bool idle() = 0; // store's thread
    void tell( const platform::Ptr<StoreEvent> & event );
    void tell( StoreEvent::Kind kind );
-   void say( const std::string & line ); // a message
+   void say( const std::string & line, std::uint64_t refusals = 0 ); // a message
    void doInitSm() override;
    void doDelSm() override;
 
@@ -130,12 +139,14 @@ struct StoreUrl {
    std::string host{}; // Redis; an IPv6 address without brackets; empty: the socket
    std::uint16_t port = 6379;
    unsigned database = 0;
+   std::string password{}; // never part of the text
 
    [[nodiscard]] static platform::Refusal fromText( const std::string & text, StoreUrl & url );
 };
 
 /// Makes the store of `url`; empty for memory.
 [[nodiscard]] platform::Ptr<StateStore> stateStoreMake( const StoreUrl & url,
-      const platform::Ptr<platform::EventLoop> & mainLoop, const std::vector<StoredRoot> & roots );
+      const platform::Ptr<platform::EventLoop> & mainLoop, const std::shared_ptr<const Schema> & schema,
+      const std::vector<StoredRoot> & roots );
 
 } // namespace host

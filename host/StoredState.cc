@@ -18,25 +18,6 @@ std::vector<StoredRoot> storedRoots( const EntityManager & entityManager, const 
    return roots;
 }
 
-void StoredWalk::walk( const std::string & path, const EntityType & type ) {
-   entity( path, type );
-   for ( const auto * attribute : type.attributes() ) {
-      const auto below = path + "/" + attribute->name();
-      if ( const auto * child = attribute->child() ) {
-         walk( below, child->childType() );
-      } else if ( keyedOf( *attribute ) ) {
-         const auto * keys = keyed( below, *attribute );
-         const auto * collection = attribute->collection();
-         for ( std::size_t i = 0; keys && collection && i < keys->size(); ++i ) {
-            if ( !collection->keyCheck( ( *keys )[i] ) ) {
-               walk( below + "/" + pathEscape( collection->keyNormal( ( *keys )[i] ) ),
-                     collection->entryType() );
-            }
-         }
-      }
-   }
-}
-
 namespace {
 
 class Reader {
@@ -62,6 +43,11 @@ class Reader {
          }
       }
       return content;
+   }
+   void refused() {
+      for ( const auto & [path, why] : state_.refused ) {
+         refused( path, {}, why );
+      }
    }
    std::vector<std::string> errors() const { return errors_.lines(); }
    bool untidy() const { return untidy_ || used_ != state_.fields.size() + state_.keys.size(); }
@@ -131,6 +117,7 @@ Ptr<CheckedChange> storedChange( const std::vector<StoredRoot> & roots, const St
    const Ptr<CheckedChange> change = new CheckedChange();
    change->source = source;
    Reader reader( state, source );
+   reader.refused();
    for ( const auto & root : roots ) {
       auto & section = change->sections.emplace_back();
       section.place.root = root.path;

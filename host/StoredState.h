@@ -30,21 +30,10 @@ struct StoredState {
    std::unordered_map<std::string, StoredFields> fields{};
    std::unordered_map<std::string, std::vector<std::string>> keys{};
 
+   /// Paths of which the store holds something that is not given, and why not.
+   std::vector<std::pair<std::string, std::string>> refused{};
+
    bool empty() const { return fields.empty() && keys.empty(); }
-};
-
-/// A walk over the paths of a root at which a state may hold something, as far as its collections lead:
-/// `entity( path, type )` for each entity and `keyed( path, attribute )` for each set and collection. `keyed`
-/// returns the keys to go on with below a collection; keys that are none are left out.
-class StoredWalk {
- public:
-   virtual ~StoredWalk() = default;
-   void walk( const std::string & path, const platform::EntityType & type );
-
- protected:
-   virtual void entity( const std::string & path, const platform::EntityType & type ) = 0;
-   virtual const std::vector<std::string> * keyed(
-         const std::string & path, const platform::AttributeInfo & attribute ) = 0;
 };
 
 /// The change that brings `roots` to what `state` says, one section each, held against the descriptions only.

@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <sys/resource.h>
 
@@ -66,6 +67,10 @@ int main( int argc, char ** argv ) {
    if ( const auto refusal = host::StoreUrl::fromText( stateDb, options.stateDb ) ) {
       fmt::print( stderr, "hm-host: --state-db {}\n", *refusal );
       return wrongUsage;
+   }
+   if ( const char * password = std::getenv( "HM_REDIS_PASSWORD" ) ) {
+      options.stateDb.password =
+            password; // not among the arguments, which every user of the machine can read
    }
    platform::traceToStderrIs( traceStderr );
    if ( const auto refusal = platform::traceSpecApply( traceSpec ); !traceSpec.empty() && refusal ) {
