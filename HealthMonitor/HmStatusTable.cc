@@ -60,6 +60,9 @@ void StatusTableSm::handleAsyncCommand( unsigned, unsigned ) {
          refusedIs( fmt::format( "no nexthop group \"{}\" is monitored", printable( *only_ ) ) );
          return;
       }
+      if ( !printer_.json() && !measure() ) {
+         return;
+      }
       begin();
    }
    if ( !rows() ) {
@@ -71,15 +74,18 @@ void StatusTableSm::handleAsyncCommand( unsigned, unsigned ) {
    executionCompletedIs( true );
 }
 
-void StatusTableSm::begin() {
-   begun_ = true;
+bool StatusTableSm::measure() {
    const auto & config = *hmAgent_->hmProbeConfig();
    const auto widen = []( int & width, const std::string & text ) {
       width = std::max( width, columnsOf( text ) );
    };
-   for ( const auto & group : hmAgent_->hmServerStatus()->nhgProbeStatusItems() ) {
+   for ( const auto & group : hmAgent_->hmServerStatus()->nhgProbeStatusItems().from( measuredTo_ ) ) {
       if ( !wanted( group.key ) ) {
-         continue;
+         break;
+      }
+      if ( shouldYield() ) {
+         measuredTo_ = group.key;
+         return false;
       }
       widen( widths_.nhg, printable( group.key ) );
       if ( const auto probe = config.nhgProbeConfig( group.key ) ) {
@@ -91,6 +97,11 @@ void StatusTableSm::begin() {
          widths_.server = longestIpv6;
       }
    }
+   return true;
+}
+
+void StatusTableSm::begin() {
+   begun_ = true;
    printer_.start();
    printer_.dictStart( "hmStatus" );
    printer_.frill( "%-*s %-*s %-*s %-8s %-8s %-8s %-19s %-28s %s\n", widths_.nhg, "Nexthop Group",

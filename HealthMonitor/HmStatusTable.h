@@ -26,6 +26,8 @@ class StatusTableSm final : public AsyncCommandRequestSm {
       int vip = 3;
       int server = 15;
    };
+   /// How wide the columns are to be. False: the slice is over.
+   bool measure();
    void begin();
    void groupBegin( const NexthopGroupName & nhgName );
    void groupEnd();
@@ -39,6 +41,7 @@ class StatusTableSm final : public AsyncCommandRequestSm {
    const std::optional<NexthopGroupName> only_;
    CliPrinter printer_;
    Widths widths_;
+   NexthopGroupName measuredTo_ = only_.value_or( NexthopGroupName{} ); // where measure() goes on
    bool begun_ = false;
    // Where the walk stands: a group that has been begun, and the last server of it that was printed.
    std::optional<NexthopGroupName> nhgBookmark_;
