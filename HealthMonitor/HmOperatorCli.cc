@@ -12,11 +12,11 @@ constexpr std::string_view statusCommand = "status";
 constexpr std::string_view probeCommand = "probe";
 constexpr std::string_view packetsCommand = "show health-monitor packets";
 
-/// What stands behind `command` and a blank; empty when nothing does or the command is another.
-std::string_view argumentsOf( std::string_view text, std::string_view command ) {
-   return text.starts_with( command ) && text.size() > command.size() && text[command.size()] == ' '
-                ? text.substr( command.size() + 1 )
-                : std::string_view{};
+/// What stands behind `command` and a blank; none when no blank does or the command is another.
+std::optional<std::string_view> argumentsOf( std::string_view text, std::string_view command ) {
+   return text.starts_with( command ) && text.substr( command.size() ).starts_with( ' ' )
+                ? std::optional( text.substr( command.size() + 1 ) )
+                : std::nullopt;
 }
 
 } // namespace
@@ -44,13 +44,11 @@ void HmOperatorCli::handleCommand( unsigned socket, const std::string & command,
 Ptr<AsyncCommandRequestSm> HmOperatorCli::createAgentAsyncCommandRequestSm(
       const Ptr<const AgentCommandRequest> & request ) {
    const auto & command = request->command();
-   if ( const auto group = argumentsOf( command, statusCommand );
-         !group.empty() || command == statusCommand ) {
-      return new StatusTableSm( request, hmAgent_, NexthopGroupName( group ) );
+   if ( const auto group = argumentsOf( command, statusCommand ); group || command == statusCommand ) {
+      return new StatusTableSm( request, hmAgent_, std::optional<NexthopGroupName>( group ) );
    }
-   if ( const auto arguments = argumentsOf( command, probeCommand );
-         !arguments.empty() || command == probeCommand ) {
-      return new ProbeNowSm( request, hmAgent_, arguments );
+   if ( const auto arguments = argumentsOf( command, probeCommand ); arguments || command == probeCommand ) {
+      return new ProbeNowSm( request, hmAgent_, arguments.value_or( "" ) );
    }
    return nullptr;
 }
