@@ -1,5 +1,6 @@
 #include "HealthMonitor/HmOperatorCli.h"
 
+#include "HealthMonitor/HmAgent.h"
 #include "HealthMonitor/HmProbeNow.h"
 #include "HealthMonitor/HmStatusTable.h"
 
@@ -9,6 +10,7 @@ namespace {
 
 constexpr std::string_view statusCommand = "status";
 constexpr std::string_view probeCommand = "probe";
+constexpr std::string_view packetsCommand = "show health-monitor packets";
 
 /// What stands behind `command` and a blank; none when no blank does or the command is another.
 std::optional<std::string_view> argumentsOf( std::string_view text, std::string_view command ) {
@@ -27,11 +29,16 @@ std::vector<CommandInfo> HmOperatorCli::commands() const {
    return { { std::string( statusCommand ), "[NHG]",
                   "State of every server, or of those of one nexthop group, and why" },
          { std::string( probeCommand ), "NHG SERVER",
-               "Check one server once, now, and show what it answers" } };
+               "Check one server once, now, and show what it answers" },
+         { std::string( packetsCommand ), "",
+               "Probes and echo requests from the netfilter queue, and what became of them" } };
 }
 
-void HmOperatorCli::handleCommand( unsigned, const std::string &, unsigned ) {
-   // Both commands are answered in slices.
+void HmOperatorCli::handleCommand( unsigned socket, const std::string & command, unsigned format ) {
+   // The others are answered in slices.
+   if ( command == packetsCommand ) {
+      showPackets( socket, format, *hmAgent_->hmCommonData() );
+   }
 }
 
 Ptr<AsyncCommandRequestSm> HmOperatorCli::createAgentAsyncCommandRequestSm(

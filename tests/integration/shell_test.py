@@ -88,7 +88,7 @@ class ShellTest(ShellCase):
         shell.enter("sh health-mon sum | json")
         answer = shell.expect(PROMPT)
         self.assertIs(json.loads(answer[answer.index("{"):answer.rindex("}") + 1])["monitoring"], False)
-        shell.send("show health-monitor p\td\t?")
+        shell.send("show health-monitor pr\td\t?")
         shell.expect("interval.*show health-monitor probe delay $")
         shell.enter("int 5 | match ^[^P]")
         shell.expect(PROMPT)

@@ -302,9 +302,9 @@ TEST_F( CliTest, CallbacksStandInTheDirectoryAndAreMadeAnewOnlyForOtherArguments
    for ( const auto & info : agent_->commandRequestDirectory()->commands() ) {
       known.push_back( info.command );
    }
-   EXPECT_THAT(
-         known, testing::ElementsAre( "clear health-monitor probe delay", "probe", counters,
-                      "show health-monitor probe delay", statusDetail, summary, timestamps, "status" ) );
+   EXPECT_THAT( known, testing::ElementsAre( "clear health-monitor probe delay", "probe", counters,
+                             "show health-monitor packets", "show health-monitor probe delay", statusDetail,
+                             summary, timestamps, "status" ) );
    EXPECT_FALSE( run( "show health-monitor status" ) );
    const auto callback = agent_->cliCallback();
    EXPECT_EQ( agent_->cliCallbackIs( "HealthMonitorCli", "HmCli", agent_.get() ), callback );

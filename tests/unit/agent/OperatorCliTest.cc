@@ -160,6 +160,28 @@ TEST_F( OperatorCliTest, ProbeIsRefusedForWhatThereIsNot ) {
    EXPECT_EQ( refusal( "probe web 10.1.1.1" ), "the check engine does not know this server yet" );
 }
 
+TEST_F( OperatorCliTest, PacketsAreShownByWhatBecameOfThem ) {
+   auto & data = *agent_->hmCommonData();
+   data.nfQueueRcvCntInc( 7 );
+   data.encapDropCntInc( 3 );
+   data.packetCounters().inc( PacketCount::encapsulatedIpv6 );
+   data.packetCounters().inc( PacketCount::verdictFailed );
+   const auto text = show( "show health-monitor packets" );
+   EXPECT_TRUE( text.starts_with( "Received:                              7\n"
+                                  "Encapsulated, IPv4:                    0\n"
+                                  "Encapsulated, IPv6:                    1\n" ) )
+         << text;
+   EXPECT_THAT( text, testing::EndsWith( "Verdicts not taken:                    1\n"
+                                         "Encapsulation drops together:          3\n"
+                                         "Kernel, waiting for a verdict:         0\n"
+                                         "Kernel, dropped for a full queue:      0\n"
+                                         "Kernel, dropped for a full buffer:     0\n" ) );
+   const auto packets = showJson( "show health-monitor packets" )["hmPackets"];
+   EXPECT_EQ( packets["received"], 7 );
+   EXPECT_EQ( packets["kernelUserDropped"], 0 );
+   EXPECT_EQ( packets.size(), 1 + static_cast<std::size_t>( PacketCount::last ) + 4 );
+}
+
 TEST_F( OperatorCliTest, ChecksThatNobodyWaitsForAreCountedUntilTheyEnd ) {
    group( "two words", "http://h/", "", { "10.1.1.1" } );
    settle();
