@@ -13,10 +13,6 @@ namespace {
 constexpr std::uint32_t lastMark = 0x3fff; // firewall marks of servers: 1 to 16383
 constexpr int rawPriority = -300;          // before connection tracking
 
-std::string plural( std::size_t count, const char * one, const char * many ) {
-   return fmt::format( "{} {}", count, count == 1 ? one : many );
-}
-
 // "a, b, c and 12 more"
 std::string listed( const std::vector<std::string> & all ) {
    constexpr std::size_t most = 5;
@@ -63,9 +59,10 @@ class Judge {
          route( vip, groups );
          ports( vip, groups );
       }
-      for ( const auto & group : facts_.groups ) {
-         serverRoutes( group );
+      for ( const auto & [what, vips] : ofVips_ ) {
+         add( "VIP " + listed( vips ), what.first, what.second );
       }
+      serverRoutes();
       reversePath();
       return std::move( findings_ );
    }
@@ -73,6 +70,11 @@ class Judge {
  private:
    void add( std::string subject, std::string problem, std::string advice ) {
       findings_.push_back( { std::move( subject ), std::move( problem ), std::move( advice ) } );
+   }
+
+   // What is wrong with many in the same way is one finding.
+   void addOfVip( const Address & vip, const std::string & problem, const std::string & advice ) {
+      ofVips_[{ problem, advice }].push_back( vip.text() );
    }
 
    void source( int family ) {
@@ -206,20 +208,20 @@ class Judge {
 
    void owned( const Address & vip ) {
       if ( const auto found = facts_.localAddresses.find( vip ); found != facts_.localAddresses.end() ) {
-         add( "VIP " + vip.text(),
+         addOfVip( vip,
                fmt::format(
                      "interface {} has it: this machine answers in place of the servers", found->second ),
-               fmt::format( "{} addr del {} dev {}", ipCommand( vip ), vip.text(), found->second ) );
+               fmt::format( "{} addr del VIP dev {}", ipCommand( vip ), found->second ) );
       }
    }
 
-   // The least that a packet to a server of these groups may have, and the largest that a probe may have.
    void route( const Address & vip, const std::vector<const VipGroup *> & groups ) {
       const auto * toVip = routeTo( vip );
       if ( facts_.routes && !toVip ) {
-         add( "VIP " + vip.text(), "there is no route to it: no connection can be opened",
-               fmt::format( "{} route add {} dev lo", ipCommand( vip ), vip.text() ) );
+         addOfVip( vip, "there is no route to it: no connection can be opened",
+               fmt::format( "{} route add VIP dev lo", ipCommand( vip ) ) );
       }
+      // What a packet to one of the servers may have at most.
       auto least = std::numeric_limits<unsigned>::max();
       std::string device;
       for ( const auto * group : groups ) {
@@ -233,14 +235,15 @@ class Judge {
          }
       }
       const auto inner = toVip ? mtuOf( *toVip ) : 0;
-      if ( inner != 0 && !device.empty() && inner + overhead( vip ) > least ) {
-         add( "VIP " + vip.text(),
+      const auto more = overhead( vip );
+      if ( inner != 0 && !device.empty() && inner + more > least ) {
+         addOfVip( vip,
                fmt::format(
                      "a probe's packet may have {} bytes, which with {} more do not fit through {} (MTU {}): "
                      "longer requests are lost silently",
-                     inner, overhead( vip ), device, least ),
-               fmt::format( "give its route an MTU: {} route replace {} dev {} mtu {}", ipCommand( vip ),
-                     vip.text(), toVip->device, least - std::min( least, overhead( vip ) ) ) );
+                     inner, more, device, least ),
+               fmt::format( "give the route an MTU: {} route replace VIP dev {} mtu {}", ipCommand( vip ),
+                     toVip->device, least - std::min( least, more ) ) );
       }
    }
 
@@ -252,26 +255,26 @@ class Judge {
                    group->timeoutSeconds / group->intervalSeconds;
       }
       if ( facts_.sourcePorts != 0 && needed > facts_.sourcePorts ) {
-         add( "VIP " + vip.text(),
+         addOfVip( vip,
                fmt::format( "its checks may need {:.0f} source ports at a time, and there are {}",
                      std::ceil( needed ), facts_.sourcePorts ),
                "lengthen probeInterval, shorten timeout, or widen net.ipv4.ip_local_port_range" );
       }
    }
 
-   void serverRoutes( const VipGroup & group ) {
+   void serverRoutes() {
       std::vector<std::string> without;
-      for ( const auto & server : group.servers ) {
-         if ( facts_.routes && !routeTo( server ) ) {
-            without.push_back( server.text() );
+      for ( const auto & group : facts_.groups ) {
+         for ( const auto & server : group.servers ) {
+            if ( facts_.routes && !routeTo( server ) ) {
+               without.push_back( fmt::format( "{} (group {})", server.text(), group.name ) );
+            }
          }
       }
       if ( !without.empty() ) {
-         add( "group " + group.name,
-               fmt::format( "there is no route to {}: {}", plural( without.size(), "server", "servers" ),
-                     listed( without ) ),
-               fmt::format( "{} route add SERVER via GATEWAY, or bring the link to it up",
-                     ipCommand( group.servers.front() ) ) );
+         add( "servers",
+               fmt::format( "there is no route to {} of them: {}", without.size(), listed( without ) ),
+               "ip route add SERVER via GATEWAY, or bring the link to them up" );
       }
    }
 
@@ -282,6 +285,7 @@ class Judge {
          for ( const auto & server : group.servers ) {
             const auto * toServer = server.family == 4 ? routeTo( server ) : nullptr;
             const auto * link = toServer && toServer->device != "lo" ? linkOf( toServer->device ) : nullptr;
+            // Of the link's value and the one for all the larger one counts.
             if ( link && std::max( link->rpFilter, facts_.rpFilterAll ) == 1 ) {
                strict.insert( toServer->device );
             }
@@ -289,7 +293,6 @@ class Judge {
       }
       if ( !strict.empty() ) {
          const std::vector<std::string> names( strict.begin(), strict.end() );
-         // The larger of the two values counts, and 2 is enough.
          add( "reverse-path filter",
                "is strict on links to servers and drops their answers: " + listed( names ),
                fmt::format(
@@ -319,6 +322,7 @@ class Judge {
    const DoctorFacts & facts_;
    std::vector<Finding> findings_;
    std::map<Address, std::vector<const VipGroup *>> vips_;
+   std::map<std::pair<std::string, std::string>, std::vector<std::string>> ofVips_; // by problem and advice
 };
 
 } // namespace

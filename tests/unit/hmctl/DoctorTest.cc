@@ -286,8 +286,8 @@ TEST( DoctorFindings, OneFaultIsOneFinding ) {
                "interface lo has it" },
          { "no route to the VIP", []( auto & f ) { f.routes->erase( f.groups[0].vip ); }, "VIP 192.0.2.10",
                "no route" },
-         { "no route to a server", []( auto & f ) { f.routes->erase( address( "10.1.1.2" ) ); }, "group web",
-               "1 server: 10.1.1.2" },
+         { "no route to a server", []( auto & f ) { f.routes->erase( address( "10.1.1.2" ) ); }, "servers",
+               "1 of them: 10.1.1.2 (group web)" },
          { "one byte too large", []( auto & f ) { f.routes->at( f.groups[0].vip ).mtu = 1451; },
                "VIP 192.0.2.10", "50 more do not fit through e1 (MTU 1500)" },
          { "IPv6 takes 70", []( auto & f ) { f.routes->at( f.groups[1].vip ).mtu = 1431; },
@@ -322,6 +322,20 @@ TEST( DoctorFindings, OneFaultIsOneFinding ) {
       EXPECT_TRUE( row.name == std::string( "a tool is missing" ) || !findings[0].advice.empty() )
             << row.name;
    }
+}
+
+TEST( DoctorFindings, WhatIsWrongInManyPlacesIsOneFinding ) {
+   auto facts = healthy();
+   facts.groups.clear();
+   for ( const char * vip :
+         { "192.0.2.1", "192.0.2.2", "192.0.2.3", "192.0.2.4", "192.0.2.5", "192.0.2.6", "192.0.2.7" } ) {
+      facts.groups.push_back( { vip, address( vip ), { address( "10.1.1.1" ) } } );
+      facts.routes->erase( address( vip ) );
+   }
+   facts.rules.reset();
+   const auto findings = doctorFindings( facts );
+   ASSERT_EQ( findings.size(), 1u );
+   EXPECT_EQ( findings[0].subject, "VIP 192.0.2.1, 192.0.2.2, 192.0.2.3, 192.0.2.4, 192.0.2.5 and 2 more" );
 }
 
 TEST( DoctorFacts, ComeFromTheHostsConfiguration ) {
