@@ -98,6 +98,7 @@ Host::Host( HostOptions options )
 Host::~Host() {
    controlServer_ = nullptr;
    configQueue_ = nullptr;
+   kernelInterfaces_ = nullptr;
    agent_ = nullptr;
    changeFeed_ = nullptr;
    for ( auto * each : signals_ ) {
@@ -119,10 +120,16 @@ std::vector<std::string> Host::start() {
    status_->versionIs( options_.version );
    status_->agentNameIs( options_.agentName );
    status_->pidIs( static_cast<std::uint32_t>( getpid() ) );
-   schema_ = std::make_shared<Schema>( *entityManager_, std::vector<std::string>{ HostStatus::path } );
+   schema_ = std::make_shared<Schema>( *entityManager_, closedPaths() );
 
    if ( auto errors = startupConfigure(); !errors.empty() ) {
       return errors;
+   }
+   if ( options_.interfacesFromKernel ) {
+      kernelInterfaces_ = new KernelInterfaces( mainLoop_, scheduler_, entityManager_ );
+      if ( auto refusal = kernelInterfaces_->start() ) {
+         return { *refusal };
+      }
    }
    std::string why;
    auto * factory = agentFactoryLoad( options_.agentLibrary, &why );
@@ -170,9 +177,21 @@ void Host::run() {
    HM_TRACE( 4, " the host is stopping" );
    controlServer_ = nullptr;
    configQueue_ = nullptr;
+   kernelInterfaces_ = nullptr;
    agent_ = nullptr;
    changeFeed_ = nullptr;
    traceFlush();
+}
+
+std::vector<Schema::Closed> Host::closedPaths() const {
+   std::vector<Schema::Closed> closed{ { HostStatus::path } };
+   if ( options_.interfacesFromKernel ) {
+      for ( const auto & path : KernelInterfaces::paths ) {
+         closed.push_back(
+               { path, "follows the kernel's interfaces (--interfaces kernel) and is not configured" } );
+      }
+   }
+   return closed;
 }
 
 std::vector<std::string> Host::startupConfigure() {

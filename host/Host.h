@@ -5,6 +5,7 @@
 #include "host/ControlServer.h"
 #include "host/ControlSocket.h"
 #include "host/HostStatus.h"
+#include "host/KernelInterfaces.h"
 #include "host/Schema.h"
 #include "platform/Agent.h"
 
@@ -22,6 +23,7 @@ struct HostOptions {
    std::string configFile{}; // empty: none
    std::string socketPath{};
    std::string version{};
+   bool interfacesFromKernel = false; // rather than from the configuration
 };
 
 /// The agent host: the state, the main loop, the control socket and the agent. One a process; everything on
@@ -38,6 +40,7 @@ class Host {
    void run();
 
  private:
+   std::vector<Schema::Closed> closedPaths() const;
    std::vector<std::string> startupConfigure();
    void hangup();
    void configReload();
@@ -56,6 +59,7 @@ class Host {
    bool reloading_ = false;   // the startup file waits to be checked, or to be applied
    bool reloadAgain_ = false; // it may have changed since: once more, however many signals came
    std::shared_ptr<const Schema> schema_;
+   platform::Ptr<KernelInterfaces> kernelInterfaces_; // empty: they are configured
    platform::Ptr<platform::Agent> agent_;
    platform::Ptr<ConfigQueue> configQueue_;
    platform::Ptr<ChangeFeed> changeFeed_;

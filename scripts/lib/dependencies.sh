@@ -9,7 +9,7 @@ dependencies_build=(
    libgtest-dev libgmock-dev libbenchmark-dev
 )
 dependencies_demo=( nginx-light openssl python3 procps iproute2 )
-dependencies_test=( clang-format clang libclang-rt-dev llvm iptables "${dependencies_demo[@]}" )
+dependencies_test=( clang-format clang libclang-rt-dev llvm iptables nftables "${dependencies_demo[@]}" )
 dependencies_bench=( haproxy iptables "${dependencies_demo[@]}" )
 
 dependencies_install() {
