@@ -99,6 +99,7 @@ Host::~Host() {
    controlServer_ = nullptr;
    configQueue_ = nullptr;
    agent_ = nullptr;
+   packetFilter_ = nullptr;
    changeFeed_ = nullptr;
    for ( auto * each : signals_ ) {
       event_free( each );
@@ -123,6 +124,10 @@ std::vector<std::string> Host::start() {
 
    if ( auto errors = startupConfigure(); !errors.empty() ) {
       return errors;
+   }
+   if ( options_.packetFilter ) {
+      packetFilter_ = new PacketFilter( mainLoop_, scheduler_, entityManager_, status_, report );
+      packetFilter_->start();
    }
    std::string why;
    auto * factory = agentFactoryLoad( options_.agentLibrary, &why );
@@ -171,6 +176,7 @@ void Host::run() {
    controlServer_ = nullptr;
    configQueue_ = nullptr;
    agent_ = nullptr;
+   packetFilter_ = nullptr;
    changeFeed_ = nullptr;
    traceFlush();
 }

@@ -5,6 +5,7 @@
 #include "host/ControlServer.h"
 #include "host/ControlSocket.h"
 #include "host/HostStatus.h"
+#include "host/PacketFilter.h"
 #include "host/Schema.h"
 #include "platform/Agent.h"
 
@@ -21,6 +22,7 @@ struct HostOptions {
    std::string agentName = "HealthMonitor";
    std::string configFile{}; // empty: none
    std::string socketPath{};
+   bool packetFilter = false; // keep rules of our own in step
    std::string version{};
 };
 
@@ -56,6 +58,7 @@ class Host {
    bool reloading_ = false;   // the startup file waits to be checked, or to be applied
    bool reloadAgain_ = false; // it may have changed since: once more, however many signals came
    std::shared_ptr<const Schema> schema_;
+   platform::Ptr<PacketFilter> packetFilter_; // outlives the agent: no probe without rules
    platform::Ptr<platform::Agent> agent_;
    platform::Ptr<ConfigQueue> configQueue_;
    platform::Ptr<ChangeFeed> changeFeed_;

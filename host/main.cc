@@ -35,6 +35,7 @@ int main( int argc, char ** argv ) {
    options.socketPath = "/run/health-monitor/hm.sock";
    options.version = HM_VERSION;
    std::string stateDb = "memory:";
+   std::string packetFilter = "off";
    std::string traceSpec;
    bool traceStderr = false;
 
@@ -53,6 +54,11 @@ int main( int argc, char ** argv ) {
    app.add_option( "--state-db", stateDb, "Where the state is kept: memory:" )
          ->type_name( "URL" )
          ->capture_default_str();
+   app.add_option( "--packet-filter", packetFilter,
+            "auto: keep packet-filter rules for probes and pings; off: they are somebody else's" )
+         ->type_name( "MODE" )
+         ->check( CLI::IsMember( { "auto", "off" } ) )
+         ->capture_default_str();
    app.add_option( "--trace", traceSpec, "Trace levels, for instance HealthMonitor=0-4,NetCHASM=5" )
          ->type_name( "SPEC" );
    app.add_flag( "--trace-stderr", traceStderr, "Trace lines also to standard error" );
@@ -65,6 +71,7 @@ int main( int argc, char ** argv ) {
       fmt::print( stderr, "hm-host: --state-db \"{}\": only \"memory:\" is supported\n", stateDb );
       return wrongUsage;
    }
+   options.packetFilter = packetFilter == "auto";
    platform::traceToStderrIs( traceStderr );
    if ( const auto refusal = platform::traceSpecApply( traceSpec ); !traceSpec.empty() && refusal ) {
       fmt::print( stderr, "hm-host: --trace: {}\n", *refusal );
