@@ -22,14 +22,14 @@ table inet {0} {{
    set sources6 {{ type ipv6_addr; }}
    chain output {{
       type filter hook output priority mangle; policy accept;
-      meta l4proto tcp meta mark 0x1-0x3fff queue to 0 comment "probes, which the agent wraps for their servers"
-      meta l4proto tcp meta mark 0 ip saddr @sources4 ip daddr @vips4 drop comment "left over from probes that are gone"
-      meta l4proto tcp meta mark 0 ip6 saddr @sources6 ip6 daddr @vips6 drop comment "left over from probes that are gone"
+      meta l4proto tcp meta mark 0x1-0x3fff counter queue to 0 comment "probes, which the agent wraps for their servers"
+      meta l4proto tcp meta mark 0 ip saddr @sources4 ip daddr @vips4 counter drop comment "left over from probes that are gone"
+      meta l4proto tcp meta mark 0 ip6 saddr @sources6 ip6 daddr @vips6 counter drop comment "left over from probes that are gone"
    }}
    chain prerouting {{
       type filter hook prerouting priority mangle; policy accept;
-      ip daddr @vips4 ip protocol icmp ip frag-off & 0x3fff == 0 icmp type echo-request queue to 0 comment "pings, which the agent answers"
-      ip6 daddr @vips6 ip6 nexthdr ipv6-icmp icmpv6 type echo-request queue to 0 comment "pings, which the agent answers"
+      ip daddr @vips4 ip protocol icmp ip frag-off & 0x3fff == 0 icmp type echo-request counter queue to 0 comment "pings, which the agent answers"
+      ip6 daddr @vips6 ip6 nexthdr ipv6-icmp icmpv6 type echo-request counter queue to 0 comment "pings, which the agent answers"
    }}
 }}
 )";

@@ -15,6 +15,7 @@ import ctypes
 import json
 import os
 import signal
+import stat
 import subprocess
 import sys
 import tempfile
@@ -76,6 +77,10 @@ def isolate():
     run("mount", "-t", "proc", "proc", "/proc")
     os.makedirs("/run/netns", exist_ok=True)
     run("mount", "-t", "tmpfs", "lab", "/run/netns")
+    # Devices of its own as well, so that the system's log can be stood in for.
+    run("mount", "-t", "tmpfs", "-o", "mode=755", "lab", "/dev")
+    for name, minor in (("null", 3), ("zero", 5), ("full", 7), ("random", 8), ("urandom", 9)):
+        os.mknod(f"/dev/{name}", 0o666 | stat.S_IFCHR, os.makedev(1, minor))
     if not ROOT.startswith("/tmp/"):
         run("mount", "-t", "tmpfs", "lab", "/tmp")  # the agent's files go with everything else
 
@@ -158,6 +163,12 @@ class Lab:
     def start(self, name, *command, **options):
         return subprocess.Popen(["nsenter", f"--net=/run/netns/{name}", *command], **options)
 
+    @staticmethod
+    def enter(namespace):
+        """Moves this thread into a network namespace, given as an open file."""
+        if ctypes.CDLL(None).setns(namespace.fileno(), 0) != 0:
+            raise RuntimeError("cannot enter a network namespace")
+
     # Servers
 
     def server_start(self, number):
@@ -216,6 +227,7 @@ http {{
         self.host.send_signal(how)
         status = self.host.wait(PATIENCE_SECONDS)
         self.host = None
+        self.log.close()
         return status
 
     def hmctl(self, *arguments, **options):
@@ -285,8 +297,15 @@ http {{
             time.sleep(0.05)
 
     def host_log(self):
-        with open(self.log.name, encoding="utf-8") as file:
+        with open(f"{self.home}/host.log", encoding="utf-8") as file:
             return file.read()
+
+    def close(self):
+        """Ends what runs beside the host; all else goes with this process."""
+        for process in (*self.nginx.values(), *([self.relay] if self.relay else [])):
+            stop(process)
+        if self.relay:
+            self.relay.stdin.close()
 
     # The client
 
