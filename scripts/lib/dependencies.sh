@@ -8,8 +8,8 @@ dependencies_build=(
    libnetfilter-queue-dev libmnl-dev
    libgtest-dev libgmock-dev libbenchmark-dev
 )
-dependencies_demo=( nginx-light openssl python3 procps iproute2 iputils-ping nftables iptables )
-dependencies_test=( clang-format clang libclang-rt-dev llvm tcpdump tshark "${dependencies_demo[@]}" )
+dependencies_demo=( nginx-light openssl python3 procps iproute2 iputils-ping nftables iptables tcpdump )
+dependencies_test=( clang-format clang libclang-rt-dev llvm tshark "${dependencies_demo[@]}" )
 dependencies_bench=( haproxy "${dependencies_demo[@]}" )
 
 dependencies_install() {

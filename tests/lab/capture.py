@@ -33,8 +33,8 @@ class Capture:
 
     def __init__(self, lab, name):
         self.path = f"{lab.home}/{name}.pcap"
-        self.process = lab.start("switch", "tcpdump", "-i", "any", "-Q", "out", "-n", "-U", "--immediate-mode", "-s", "0",
-                                 "-w", self.path, "ip or ip6", stderr=subprocess.PIPE, text=True)
+        self.process = lab.start("switch", "tcpdump", "-i", "any", "-Q", "out", "-n", "-U", "--immediate-mode",
+                                 "-s", "0", "-w", self.path, "ip or ip6", stderr=subprocess.PIPE, text=True)
         for line in self.process.stderr:
             if "listening on" in line:
                 break
@@ -45,8 +45,8 @@ class Capture:
             stop(self.process)
             self.process.stderr.close()
             self.process = None
-        lines = run("tshark", "-n", "-r", self.path, "-Y", "not sll.ifindex == 1", "-T", "fields", "-E", "separator=/t", "-E",
-                    "occurrence=a", "-o", "tcp.check_checksum:TRUE", "-o", "ip.check_checksum:TRUE",
+        lines = run("tshark", "-n", "-r", self.path, "-Y", "not sll.ifindex == 1", "-T", "fields",
+                    "-E", "separator=/t", "-E", "occurrence=a", "-o", "tcp.check_checksum:TRUE", "-o", "ip.check_checksum:TRUE",
                     *(word for field in FIELDS for word in ("-e", field)))
         return [Packet(line.split("\t")) for line in lines.splitlines()]
 

@@ -12,8 +12,8 @@ import sys
 import unittest
 
 from capture import ACK, GOOD, PSH, RST, SYN, Capture
-from topology import (BRIDGE_MAC, DOWN, FAMILIES, PATIENCE_SECONDS, PROBE_CONFIG, SERVER_MAC, STATUS, UP, VXLAN_PORT, Lab,
-                      isolate, server, source, url, vip)
+from topology import (BRIDGE_MAC, DOWN, FAMILIES, PATIENCE_SECONDS, PROBE_CONFIG, SERVER_MAC, STATUS, UP, VXLAN_PORT,
+                      ROOT, Lab, isolate, server, source, vip)
 
 BIN = sys.argv.pop(1)
 
@@ -36,10 +36,6 @@ class LabTest(unittest.TestCase):
         cls.lab.close()
         assert status == 0, f"hm-host ended with status {status}\n{cls.lab.host_log()}"
 
-    def tearDown(self):
-        if self._outcome and any(error for _, error in getattr(self._outcome, "errors", [])):
-            print(self.lab.host_log(), file=sys.stderr)
-
     def up(self, number=1, settings=None, **probe):
         """All servers in a group a family, and up."""
         self.lab.apply(self.lab.groups(number, **probe), **(settings or {}))
@@ -58,11 +54,10 @@ class LabTest(unittest.TestCase):
     @contextlib.contextmanager
     def unchanged(self):
         """Nothing that is published about a server may change inside."""
-        watch = subprocess.Popen([f"{BIN}/hmctl", "-s", self.lab.socket, "watch", f"{STATUS}/nhgProbeStatus"], text=True,
-                                 stdout=subprocess.PIPE)
+        watch = subprocess.Popen([f"{BIN}/hmctl", "-s", self.lab.socket, "watch", f"{STATUS}/nhgProbeStatus"],
+                                 text=True, stdout=subprocess.PIPE)
         try:
-            self.lab.eventually(lambda: json.loads(self.lab.told("get", "--json", "host/status"))["host/status"]["clients"]
-                                >= 2, "the watcher is there")
+            self.lab.eventually(lambda: "clients: 2" in self.lab.told("get", "host/status"), "the watcher is there")
             yield
         finally:
             watch.terminate()
@@ -80,7 +75,7 @@ class LabTest(unittest.TestCase):
                             f"{count} more checks of each server")
 
     def assert_wrapped(self, packets, tunnel=0):
-        """Every packet of a check is in the tunnel to its own server, with that server's mark; returns { vni: address }."""
+        """Every packet of a check is in the tunnel to its own server, with that server's mark; { vni: address }."""
         servers, streams = {}, {}
         ours = {source(tunnel, family) for family in FAMILIES}
         virtual = {vip(number, family) for number in (1, 2) for family in FAMILIES}
@@ -108,8 +103,9 @@ class Path(LabTest):
         for family in FAMILIES:
             for number in self.lab.numbers:
                 address, kind = vip(2, family), "ip" if family == 4 else "ip6"
-                self.lab.ip("switch", f"route replace {address} encap {kind} id {7000 + number} dst {server(number, family)}"
-                            f" dev lab0 src {source(0, family)}", f"neigh replace {address} lladdr {SERVER_MAC} dev lab0")
+                self.lab.ip("switch", f"route replace {address} encap {kind} id {7000 + number}"
+                            f" dst {server(number, family)} dev lab0 src {source(0, family)}",
+                            f"neigh replace {address} lladdr {SERVER_MAC} dev lab0")
                 with socket_in(self.lab, "switch", family) as client:
                     client.settimeout(PATIENCE_SECONDS)
                     client.connect((address, 80))
@@ -163,7 +159,8 @@ class Path(LabTest):
         self.lab.expect(self.lab.states())
         packets = capture.packets()
         servers = self.assert_wrapped(packets)
-        self.assertEqual(set(servers.values()), {server(number, family) for number in self.lab.numbers for family in FAMILIES})
+        self.assertEqual(set(servers.values()),
+                         {server(number, family) for number in self.lab.numbers for family in FAMILIES})
         tunnelled = [packet for packet in packets if packet.vni is not None]
         for family in FAMILIES:
             of_family = [packet for packet in tunnelled if packet.addresses[0][0] == source(0, family)]
@@ -201,7 +198,8 @@ class Path(LabTest):
         for family in FAMILIES:
             self.assertEqual(self.lab.ping(vip(1, family), 3, "-s", "1000"), 3)
         self.assertEqual(self.replied() - before, 6)
-        self.lab.told("apply", "-", input=json.dumps({f"{PROBE_CONFIG}/pingDisabledVip": [vip(1, f) for f in FAMILIES]}))
+        silent = [vip(1, family) for family in FAMILIES]
+        self.lab.told("apply", "-", input=json.dumps({f"{PROBE_CONFIG}/pingDisabledVip": silent}))
         for family in FAMILIES:
             self.assertEqual(self.lab.ping(vip(1, family), 2), 0)
         self.lab.told("apply", "-", input=json.dumps({f"{PROBE_CONFIG}/pingDisabledVip": []}))
@@ -212,8 +210,8 @@ class Path(LabTest):
         self.up()
         before = self.replied()
         for family in FAMILIES:
-            # Routed to the first server, which owns the addresses: whole datagrams in fragments, other addresses, and
-            # what a client really wants of a virtual address.
+            # Routed to the first server, which owns the addresses: datagrams in fragments, other addresses, and what a
+            # client really wants of a virtual address.
             self.assertEqual(self.lab.ping(vip(1, family), 2, "-s", "3000"), 2)
             self.assertEqual(self.lab.ping(vip(2, family), 2), 2)
             with socket_in(self.lab, "client", family) as client:
@@ -254,7 +252,7 @@ class Source(LabTest):
         with self.unchanged():
             self.lab.told("set", PROBE_CONFIG, "localTunnelIntf", "tunnel1")
             self.lab.eventually(lambda: all((source(1, family), vip(1, family)) in self.lab.served(number)
-                                            for number in self.lab.numbers for family in FAMILIES), "the new source is used")
+                                            for number in self.lab.numbers for family in FAMILIES), "the new source")
             self.rules_eventually(source(1, 6))
             self.assertNotIn(source(0, 6), self.rules())
             capture = Capture(self.lab, "moved")
@@ -267,8 +265,8 @@ class Source(LabTest):
             two = {"intf": {"tunnel0": {"addr": [f"{source(0, 6)}/128", "fd00:255::99/128", "fe80::1/64"]}}}
             self.lab.told("apply", "-", input=json.dumps({"ip6/status": two}))
             self.lab.expect({key: UP if key[0] == "web4" else DOWN for key in self.lab.states()})
-            self.assertIn("HEALTH_MONITOR_INVALID_IPV6_TUNNEL_ADDRESS: IPv6 tunnel address configuration is being ignored "
-                          "due to multiple IPv6 addresses on tunnel0.", log.text())
+            self.assertIn("HEALTH_MONITOR_INVALID_IPV6_TUNNEL_ADDRESS: IPv6 tunnel address configuration is being "
+                          "ignored due to multiple IPv6 addresses on tunnel0.", log.text())
         self.assertEqual((self.lab.ping(vip(1, 4)), self.lab.ping(vip(1, 6))), (1, 0))
 
         self.lab.told("set", PROBE_CONFIG, "localTunnelIntf", "")
@@ -311,9 +309,11 @@ class Wire(LabTest):
             text = self.lab.inside("switch", "nft", "list", "chain", "inet", "health-monitor", "output")
             found = [int(count) for count in re.findall(r"counter packets (\d+) bytes \d+ drop", text)]
             return dict(zip(FAMILIES, found))
-        return {family: int(re.search(r"-c (\d+) \d+ -j ", self.lab.inside(
-                    "switch", f"ip{'' if family == 4 else 6}tables-nft", "-t", "mangle", "-v", "-S", "HEALTH-MONITOR-STRAY"))[1])
-                for family in FAMILIES}
+        found = {}
+        for family, program in zip(FAMILIES, ("iptables-nft", "ip6tables-nft")):
+            text = self.lab.inside("switch", program, "-t", "mangle", "-v", "-S", "HEALTH-MONITOR-STRAY")
+            found[family] = int(re.search(r"-c (\d+) \d+ -j ", text)[1])
+        return found
 
 
 class Filter(LabTest):
@@ -356,6 +356,34 @@ class Filter(LabTest):
         self.assertIn("no rules today", self.lab.host_log())
         self.assertIn("no rules today", self.lab.told("get", "host/status"))
         self.assertEqual(self.lab.host_stop(), 0)
+        self.lab.host_start()
+
+
+    def test_the_example_rules_do(self):
+        self.lab.host_stop()
+        examples = {}
+        for name in ("nft", "iptables", "ip6tables"):
+            with open(f"{ROOT}/packaging/packet-filter/health-monitor.{name}", encoding="utf-8") as file:
+                text = file.read()
+            for example, here in (("192.0.2.10", vip(1, 4)), ("2001:db8::10", vip(1, 6)),
+                                  ("192.0.2.1", source(0, 4)), ("2001:db8::1", source(0, 6))):
+                text = text.replace(example, here)
+            examples[name] = text
+        # Not every kernel has the statement itself.
+        self.lab.inside("switch", "nft", "-c", "-f", "-", input=examples["nft"].replace("queue to 0", "accept"))
+        for name in ("iptables", "ip6tables"):
+            self.lab.inside("switch", f"{name}-nft-restore", "--noflush", input=examples[name])
+        self.lab.host_start(packet_filter="off")
+        self.lab.apply(self.lab.groups())
+        self.lab.expect(self.lab.states())
+        self.lab.server_stop(2)
+        self.lab.expect(self.lab.states(down=[2]))
+        self.lab.server_start(2)
+        for family in FAMILIES:
+            self.assertEqual(self.lab.ping(vip(1, family), 2), 2)
+        self.lab.host_stop()
+        self.assertIn("-j NFQUEUE", self.rules(), "off leaves rules alone")
+        self.lab.inside("switch", "nft", "flush", "ruleset")
         self.lab.host_start()
 
 

@@ -121,7 +121,8 @@ class Lab:
             self.server_build(f"s{number}")
         # Ordinary traffic for the virtual addresses goes to the first server. A probe that is not wrapped would as
         # well, whoever it was meant for.
-        self.ip("switch", f"route add {vip(0, 4)}/24 via {server(1, 4)}", f"-6 route add {vip(0, 6)}/64 via {server(1, 6)}")
+        self.ip("switch", f"route add {vip(0, 4)}/24 via {server(1, 4)}",
+                f"-6 route add {vip(0, 6)}/64 via {server(1, 6)}")
         if relay:
             self.relay_start()
 
@@ -133,7 +134,8 @@ class Lab:
             for end in ("a", "b"):
                 run("ip", "link", "set", f"{name}-{end}", "up")
         else:
-            run("ip", "link", "add", "to-" + name, "netns", "switch", "type", "veth", "peer", "name", "uplink", "netns", name)
+            run("ip", "link", "add", "to-" + name, "netns", "switch", "type", "veth",
+                "peer", "name", "uplink", "netns", name)
         self.ip("switch", f"link set to-{name} up", f"addr add {net4}.254/24 dev to-{name}",
                 f"addr add {net6}:254/64 dev to-{name}")
         self.ip(name, "link set uplink up", f"addr add {net4}.1/24 dev uplink", f"addr add {net6}:1/64 dev uplink",
@@ -206,8 +208,8 @@ http {{
 
     def relay_start(self):
         pairs = [f"s{number}-{end}" for number in self.numbers for end in ("a", "b")]
-        self.relay = subprocess.Popen([sys.executable, "-B", os.path.join(os.path.dirname(__file__), "relay.py"), *pairs],
-                                      stdin=subprocess.PIPE, text=True)
+        program = os.path.join(os.path.dirname(os.path.abspath(__file__)), "relay.py")
+        self.relay = subprocess.Popen([sys.executable, "-B", program, *pairs], stdin=subprocess.PIPE, text=True)
 
     def wires(self, **settings):
         """What every wire to a server does from now on: see relay.py. Without settings it is a plain wire."""
@@ -311,8 +313,9 @@ http {{
 
     def ping(self, address, count=1, *options):
         """How many of `count` echo requests from the client were answered."""
-        done = subprocess.run(["nsenter", "--net=/run/netns/client", "ping", "-n", "-c", str(count), "-i", "0.2", "-W", "1",
-                               *options, address], text=True, capture_output=True, timeout=PATIENCE_SECONDS, check=False)
+        done = subprocess.run(["nsenter", "--net=/run/netns/client", "ping", "-n", "-c", str(count), "-i", "0.2",
+                               "-W", "1", *options, address],
+                              text=True, capture_output=True, timeout=PATIENCE_SECONDS, check=False)
         if " received" not in done.stdout:
             raise RuntimeError(f"ping {address}: {done.stderr.strip() or done.stdout.strip()}")
         return int(done.stdout.split(" received")[0].split()[-1])
