@@ -146,7 +146,7 @@ class Demo:
 
     def finish(self):
         self.step("the configuration is removed: nothing is published, the agent is clean, no rule is left")
-        self.lab.told("apply", "-", input="{healthMonitor/config/probeConfig: {}, healthMonitor/config/serverConfig: {}}")
+        self.lab.told("apply", "-", input=json.dumps({PROBE_CONFIG: {}, topology.SERVER_CONFIG: {}}))
         self.expect({})
         self.lab.eventually(lambda: self.lab.hmctl("clean-state").returncode == 0, "the agent is clean", SETTLE_SECONDS)
         status = self.lab.host_stop()

@@ -46,7 +46,8 @@ class Capture:
             self.process.stderr.close()
             self.process = None
         lines = run("tshark", "-n", "-r", self.path, "-Y", "not sll.ifindex == 1", "-T", "fields",
-                    "-E", "separator=/t", "-E", "occurrence=a", "-o", "tcp.check_checksum:TRUE", "-o", "ip.check_checksum:TRUE",
+                    "-E", "separator=/t", "-E", "occurrence=a",
+                    "-o", "tcp.check_checksum:TRUE", "-o", "ip.check_checksum:TRUE",
                     *(word for field in FIELDS for word in ("-e", field)))
         return [Packet(line.split("\t")) for line in lines.splitlines()]
 

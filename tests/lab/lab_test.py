@@ -189,7 +189,8 @@ class Path(LabTest):
                 port = inner[40:42]
             expected = (outer + port + struct.pack("!HHH", VXLAN_PORT, len(inner) + 30, 0)
                         + b"\x08\0\0\0" + packet.vni.to_bytes(3, "big") + b"\0"
-                        + bytes.fromhex((SERVER_MAC + BRIDGE_MAC).replace(":", "")) + (b"\x08\0" if four else b"\x86\xdd"))
+                        + bytes.fromhex((SERVER_MAC + BRIDGE_MAC).replace(":", ""))
+                        + (b"\x08\0" if four else b"\x86\xdd"))
             self.assertEqual(frame[:len(expected)].hex(" "), expected.hex(" "), packet)
 
     def test_pings_to_virtual_addresses(self):
@@ -232,6 +233,29 @@ class Path(LabTest):
     def replied(self):
         packets = json.loads(self.lab.told("show", "health-monitor", "packets", "--json"))["hmPackets"]
         return packets["repliedIpv4"] + packets["repliedIpv6"]
+
+    def test_a_stateful_firewall_knows_the_answers(self):
+        self.up()
+        self.lab.inside("switch", "nft", "-f", "-", input="""table inet firewall {
+            chain input { type filter hook input priority filter; policy drop; ct state established accept
+                          icmpv6 type { nd-neighbor-solicit, nd-neighbor-advert } accept; }
+            chain output { type filter hook output priority filter; policy accept; ct state invalid drop; }; }""")
+        with self.unchanged():
+            self.more_served(3)
+        for family in FAMILIES:  # the replies are unknown to it
+            self.assertEqual(self.lab.ping(vip(1, family)), 0)
+        self.lab.inside("switch", "nft", "-f", "-", input=self.notrack())
+        for family in FAMILIES:
+            self.assertEqual(self.lab.ping(vip(1, family)), 1)
+        for table in ("firewall", "health-monitor-notrack"):
+            self.lab.inside("switch", "nft", "delete", "table", "inet", table)
+
+    def notrack(self):
+        """What the native example leaves commented out."""
+        with open(f"{ROOT}/packaging/packet-filter/health-monitor.nft", encoding="utf-8") as file:
+            text = file.read().split("# table inet health-monitor-notrack")[1]
+        text = "table inet health-monitor-notrack" + text.replace("\n#", "\n")
+        return text.replace("192.0.2.10", vip(1, 4)).replace("2001:db8::10", vip(1, 6))
 
     def test_a_dead_route_takes_its_server_down_alone(self):
         self.up()
@@ -290,7 +314,7 @@ class Wire(LabTest):
         self.lab.wires()
 
     def test_answers_that_come_too_late_meet_no_reset_outside_the_tunnel(self):
-        self.up()
+        self.up(timeout=1, retryCount=0)
         self.lab.wires(delay=0.8)  # there and back in 1.6 s; a check may take 1 s
         self.lab.expect(self.lab.states(down=self.lab.numbers))
         capture = Capture(self.lab, "late")

@@ -245,7 +245,7 @@ http {{
 
     def document(self, groups, **settings):
         """groups: name -> (list of servers, probe settings)"""
-        probes = {name: {"timeout": 1, "retryCount": 0, "probeInterval": 0.5, **probe}
+        probes = {name: {"timeout": 2, "retryCount": 1, "probeInterval": 0.5, **probe}
                   for name, (_, probe) in groups.items()}
         return {
             PROBE_CONFIG: {"monitoringEnabled": True, "nhgProbeConfig": probes, "localTunnelIntf": "tunnel0",
