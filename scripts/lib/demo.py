@@ -8,6 +8,8 @@ import subprocess
 import sys
 import time
 
+import own_network
+
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BIN = os.path.join(ROOT, "build", "bin")
 WORK = "/run/hm-demo"  # named in examples/demo.yaml
@@ -267,6 +269,7 @@ class Demo:
 
 
 def main():
+    own_network.enter()
     demo = Demo()
     signal.signal(signal.SIGTERM, lambda *_: (_ for _ in ()).throw(KeyboardInterrupt))
     try:

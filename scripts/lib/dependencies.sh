@@ -4,12 +4,13 @@
 dependencies_build=(
    g++ cmake ninja-build ccache pkg-config git ca-certificates
    libevent-dev libfmt-dev libspdlog-dev libyaml-cpp-dev nlohmann-json3-dev libcli11-dev
-   libcurl4-openssl-dev libssl-dev libhttp-parser-dev libconcurrentqueue-dev libedit-dev libmnl-dev
+   libcurl4-openssl-dev libssl-dev libhttp-parser-dev libconcurrentqueue-dev libedit-dev
+   libnetfilter-queue-dev libmnl-dev
    libgtest-dev libgmock-dev libbenchmark-dev
 )
 dependencies_demo=( nginx-light openssl python3 procps iproute2 )
 dependencies_test=( clang-format clang libclang-rt-dev llvm iptables nftables "${dependencies_demo[@]}" )
-dependencies_bench=( haproxy "${dependencies_demo[@]}" )
+dependencies_bench=( haproxy iptables "${dependencies_demo[@]}" )
 
 dependencies_install() {
    local list name missing=()
