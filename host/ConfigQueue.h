@@ -60,10 +60,10 @@ class ConfigQueue : public platform::RefCounted {
    platform::Ptr<CheckThread> checkThread_;
    platform::Ptr<platform::Task> task_;
    platform::Ptr<platform::Task> applyTask_; // goes on with what has begun to be applied, before other tasks
-   std::deque<platform::Ptr<Job>> waiting_; // in the order of submission; the front is applied
-   std::size_t handedOut_ = 0;              // of them, to the checker thread
-   std::unique_ptr<CrossCheck> crossCheck_; // of the front, once it is checked by itself
-   std::unique_ptr<Applier> applier_;       // of the front, once it is checked against the state
+   std::deque<platform::Ptr<Job>> waiting_;  // in the order of submission; the front is applied
+   std::size_t handedOut_ = 0;               // of them, to the checker thread
+   std::unique_ptr<CrossCheck> crossCheck_;  // of the front, once it is checked by itself
+   std::unique_ptr<Applier> applier_;        // of the front, once it is checked against the state
 };
 
 } // namespace host

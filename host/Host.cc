@@ -100,6 +100,7 @@ Host::~Host() {
    configQueue_ = nullptr;
    kernelInterfaces_ = nullptr;
    agent_ = nullptr;
+   packetFilter_ = nullptr;
    changeFeed_ = nullptr;
    for ( auto * each : signals_ ) {
       event_free( each );
@@ -130,6 +131,10 @@ std::vector<std::string> Host::start() {
       if ( auto refusal = kernelInterfaces_->start() ) {
          return { *refusal };
       }
+   }
+   if ( options_.packetFilter ) {
+      packetFilter_ = new PacketFilter( mainLoop_, scheduler_, entityManager_, status_, report );
+      packetFilter_->start();
    }
    std::string why;
    auto * factory = agentFactoryLoad( options_.agentLibrary, &why );
@@ -179,6 +184,7 @@ void Host::run() {
    configQueue_ = nullptr;
    kernelInterfaces_ = nullptr;
    agent_ = nullptr;
+   packetFilter_ = nullptr;
    changeFeed_ = nullptr;
    traceFlush();
 }

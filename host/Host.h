@@ -6,6 +6,7 @@
 #include "host/ControlSocket.h"
 #include "host/HostStatus.h"
 #include "host/KernelInterfaces.h"
+#include "host/PacketFilter.h"
 #include "host/Schema.h"
 #include "platform/Agent.h"
 
@@ -22,6 +23,7 @@ struct HostOptions {
    std::string agentName = "HealthMonitor";
    std::string configFile{}; // empty: none
    std::string socketPath{};
+   bool packetFilter = false; // keep rules of our own in step
    std::string version{};
    bool interfacesFromKernel = false; // rather than from the configuration
 };
@@ -60,6 +62,7 @@ class Host {
    bool reloadAgain_ = false; // it may have changed since: once more, however many signals came
    std::shared_ptr<const Schema> schema_;
    platform::Ptr<KernelInterfaces> kernelInterfaces_; // empty: they are configured
+   platform::Ptr<PacketFilter> packetFilter_; // outlives the agent: no probe without rules
    platform::Ptr<platform::Agent> agent_;
    platform::Ptr<ConfigQueue> configQueue_;
    platform::Ptr<ChangeFeed> changeFeed_;

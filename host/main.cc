@@ -36,6 +36,7 @@ int main( int argc, char ** argv ) {
    options.version = HM_VERSION;
    std::string stateDb = "memory:";
    std::string interfaces = "config";
+   std::string packetFilter = "off";
    std::string traceSpec;
    bool traceStderr = false;
 
@@ -59,6 +60,11 @@ int main( int argc, char ** argv ) {
          ->check( CLI::IsMember( { "config", "kernel" } ) )
          ->type_name( "SOURCE" )
          ->capture_default_str();
+   app.add_option( "--packet-filter", packetFilter,
+            "auto: keep packet-filter rules for probes and pings; off: they are somebody else's" )
+         ->type_name( "MODE" )
+         ->check( CLI::IsMember( { "auto", "off" } ) )
+         ->capture_default_str();
    app.add_option( "--trace", traceSpec, "Trace levels, for instance HealthMonitor=0-4,NetCHASM=5" )
          ->type_name( "SPEC" );
    app.add_flag( "--trace-stderr", traceStderr, "Trace lines also to standard error" );
@@ -72,6 +78,7 @@ int main( int argc, char ** argv ) {
       return wrongUsage;
    }
    options.interfacesFromKernel = interfaces == "kernel";
+   options.packetFilter = packetFilter == "auto";
    platform::traceToStderrIs( traceStderr );
    if ( const auto refusal = platform::traceSpecApply( traceSpec ); !traceSpec.empty() && refusal ) {
       fmt::print( stderr, "hm-host: --trace: {}\n", *refusal );

@@ -8,8 +8,8 @@ dependencies_build=(
    libnetfilter-queue-dev libmnl-dev
    libgtest-dev libgmock-dev libbenchmark-dev
 )
-dependencies_demo=( nginx-light openssl python3 procps iproute2 )
-dependencies_test=( clang-format clang libclang-rt-dev llvm iptables nftables "${dependencies_demo[@]}" )
+dependencies_demo=( nginx-light openssl python3 procps iproute2 iputils-ping nftables iptables tcpdump )
+dependencies_test=( clang-format clang libclang-rt-dev llvm tshark "${dependencies_demo[@]}" )
 dependencies_bench=( haproxy iptables "${dependencies_demo[@]}" )
 
 dependencies_install() {

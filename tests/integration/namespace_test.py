@@ -119,6 +119,7 @@ class KernelInterfacesTest(HostTest):
 
 class DoctorTest(HostTest):
     VIP, VIP6 = "192.0.2.10", "2001:db8::10"
+    OPTIONS = ()
 
     @classmethod
     def startHost(cls):
@@ -126,7 +127,7 @@ class DoctorTest(HostTest):
            "addr add 2001:db8:80::1/64 dev s1 nodad")
         cls.sysctl("conf/all/rp_filter", 0)
         cls.sysctl("conf/s1/rp_filter", 1)
-        super().startHost("--interfaces", "kernel")
+        super().startHost("--interfaces", "kernel", *cls.OPTIONS)
 
     @staticmethod
     def sysctl(name, value):
@@ -139,6 +140,17 @@ class DoctorTest(HostTest):
         self.assertEqual(answer.returncode, 1 if found else 0, answer.stderr)
         return found
 
+    def applyGroups(self):
+        self.apply({"web": (["10.80.0.11", "10.80.0.12", "10.99.0.1"], {"tcpUrl": f"tcp://{self.VIP}:80", "vip": self.VIP}),
+                    "six": (["2001:db8:80::11"], {"tcpUrl": f"tcp://[{self.VIP6}]:80", "vip": self.VIP6})})
+
+    def putRight(self):
+        """All but the rules."""
+        ip(f"route add {self.VIP} dev lo mtu 1450", "route add 10.99.0.1 via 10.80.0.11",
+           f"route add {self.VIP6} dev lo mtu 1430")
+        self.sysctl("conf/s1/rp_filter", 2)
+        self.hmctl("set", PROBE_CONFIG, "localTunnelIntf", "s1")
+
     def test_without_virtual_addresses_there_is_nothing_to_look_at(self):
         for groups in ({}, {"web": (["127.2.1.1"], {"tcpUrl": "tcp://127.2.1.1:9"})}):
             self.apply(groups)
@@ -147,8 +159,7 @@ class DoctorTest(HostTest):
             self.assertIn("nothing to look at", answer.stdout)
 
     def test_what_is_wrong_is_said_until_it_is_put_right(self):
-        self.apply({"web": (["10.80.0.11", "10.80.0.12", "10.99.0.1"], {"tcpUrl": f"tcp://{self.VIP}:80", "vip": self.VIP}),
-                    "six": (["2001:db8:80::11"], {"tcpUrl": f"tcp://[{self.VIP6}]:80", "vip": self.VIP6})})
+        self.applyGroups()
         ip(f"addr add {self.VIP}/32 dev lo", "link set lo up")
         found = self.doctor()
         for subject, problem in (("IPv4 source address", "no tunnel interface"), ("IPv4 probe rules", "no rule"),
@@ -164,10 +175,8 @@ class DoctorTest(HostTest):
         text = self.hmctl("doctor")
         self.assertEqual((text.returncode, text.stdout.count("\n"), text.stderr), (1, 10, "to be put right: 10\n"))
 
-        ip(f"addr del {self.VIP}/32 dev lo", f"route add {self.VIP} dev lo mtu 1450", "route add 10.99.0.1 via 10.80.0.11",
-           f"route add {self.VIP6} dev lo mtu 1430")
-        self.sysctl("conf/s1/rp_filter", 2)
-        self.hmctl("set", PROBE_CONFIG, "localTunnelIntf", "s1")
+        ip(f"addr del {self.VIP}/32 dev lo")
+        self.putRight()
         for program, protocol, kind, vip in (("iptables-nft", "icmp", "--icmp-type", self.VIP),
                                              ("ip6tables-nft", "ipv6-icmp", "--icmpv6-type", self.VIP6)):
             for rule in (f"OUTPUT -p tcp -m mark ! --mark 0x0/0x3fff -m mark --mark 0x0/0xffffc000",
@@ -186,6 +195,18 @@ class DoctorTest(HostTest):
         self.assertIn("10.80.8.5 (group web) and 3995 more", dict(found)["servers"])
         self.assertEqual([problem for _, problem in found if "source ports" in problem],
                          ["its checks may need 36000 source ports at a time, and there are 28232"])
+
+
+class DoctorOfKeptRulesTest(DoctorTest):
+    OPTIONS = ("--packet-filter", "auto")
+
+    def test_rules_that_the_host_keeps_are_right(self):
+        self.applyGroups()
+        self.putRight()
+        self.eventually(lambda: self.doctor() == [], f"nothing is wrong: {self.doctor()}")
+        subprocess.run(["iptables-nft", "-t", "mangle", "-I", "OUTPUT", "-p", "tcp", "-j", "ACCEPT"], check=True)
+        self.assertEqual([subject for subject, _ in self.doctor()], ["IPv4 probe rules"])
+        subprocess.run(["iptables-nft", "-t", "mangle", "-D", "OUTPUT", "1"], check=True)
 
 
 if __name__ == "__main__":
