@@ -8,6 +8,7 @@
 #include "host/KernelInterfaces.h"
 #include "host/PacketFilter.h"
 #include "host/Schema.h"
+#include "host/StateKeeper.h"
 #include "platform/Agent.h"
 
 #include <memory>
@@ -24,6 +25,7 @@ struct HostOptions {
    std::string configFile{}; // empty: none
    std::string socketPath{};
    bool packetFilter = false; // keep rules of our own in step
+   StoreUrl stateDb{};
    std::string version{};
    bool interfacesFromKernel = false; // rather than from the configuration
 };
@@ -43,7 +45,9 @@ class Host {
 
  private:
    std::vector<Schema::Closed> closedPaths() const;
+   platform::Refusal stateRestore();
    std::vector<std::string> startupConfigure();
+   void teardown();
    void hangup();
    void configReload();
    void changeEnded( const ChangeOutcome & outcome );
@@ -63,6 +67,7 @@ class Host {
    std::shared_ptr<const Schema> schema_;
    platform::Ptr<KernelInterfaces> kernelInterfaces_; // empty: they are configured
    platform::Ptr<PacketFilter> packetFilter_; // outlives the agent: no probe without rules
+   platform::Ptr<StateKeeper> stateKeeper_; // none: the state ends with the process
    platform::Ptr<platform::Agent> agent_;
    platform::Ptr<ConfigQueue> configQueue_;
    platform::Ptr<ChangeFeed> changeFeed_;
