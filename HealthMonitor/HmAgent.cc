@@ -172,6 +172,10 @@ const Ptr<HmCliF> & HmAgent::cliCallbackFIs(
    return callbackIs( cliCallbackF_, hmCliFFactory, name, commandType, hmAgent );
 }
 
+std::vector<Statistics> HmAgent::statistics() const {
+   return { { hmCommonData_, CommonData::probeCountersAttr().info.collection() } };
+}
+
 std::string HmAgent::doCheckAgentCleanState() const {
    HM_TRACE( 9, "" );
    std::string violation;

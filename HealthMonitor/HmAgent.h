@@ -70,6 +70,7 @@ class HmAgent : public Agent {
    void doMountsComplete( MountStatus status, Ptr<EntityManager> entityManager ) override;
    void doInit() override;
    std::string doCheckAgentCleanState() const override;
+   std::vector<Statistics> statistics() const override; // the counters of each server and kind of check
 
    // What is asked for with the arguments of what stands is returned as it stands; otherwise it is built
    // anew. Deleting switches the notifications off and releases.

@@ -75,9 +75,18 @@ void ConfigSm::nhgLocalAttrsChanged( const NexthopGroupName & nhgName ) {
 }
 
 void ConfigSm::createProbeStatus( const NexthopGroupName & nhgName, const IpGenAddr & serverIp ) {
-   serverStatus_->nhgProbeStatusIs( nhgName )->serverProbeStatusIs( serverIp );
-   commonData_->httpProbeStatusIs( nhgName )->serverProbeStatusIs( serverIp );
-   commonData_->tcpProbeStatusIs( nhgName )->serverProbeStatusIs( serverIp );
+   const auto published = serverStatus_->nhgProbeStatusIs( nhgName )->serverProbeStatusIs( serverIp );
+   // What an earlier run published is what each kind of check saw last, so that the server is not judged by a
+   // kind that has not reported yet. An entry that is new has its defaults, and so have these.
+   for ( const auto & cache :
+         { commonData_->httpProbeStatusIs( nhgName ), commonData_->tcpProbeStatusIs( nhgName ) } ) {
+      if ( !cache->serverProbeStatusHas( serverIp ) ) {
+         const auto view = cache->serverProbeStatusIs( serverIp );
+         view->adminStateIs( published->adminState() );
+         view->operStateIs( published->operState() );
+         view->weightIs( published->weight() );
+      }
+   }
 }
 
 void ConfigSm::deleteProbeStatus( const NexthopGroupName & nhgName, const IpGenAddr & serverIp ) {

@@ -13,6 +13,7 @@ using namespace platform;
 // Crosses to the checker thread and back; `change` is set there, and read on the main thread afterwards.
 struct ConfigQueue::Job : QueueElement {
    ChangeRequest request;
+   std::function<bool()> stale; // empty: never
    Done done;
    Ptr<CheckedChange> change;
    bool checked = false; // main thread: the job has come back
@@ -47,7 +48,9 @@ class ConfigQueue::CheckThread final : public EventLoopThread {
                continue; // a change that was applied comes here to be freed: that takes its time for a large
                          // one
             }
-            job->change = checkChange( *schema_, job->request, [this] { return cancelled_.load(); } );
+            if ( !job->change ) {
+               job->change = checkChange( *schema_, job->request, [this] { return cancelled_.load(); } );
+            }
             std::string().swap( job->request.text ); // freed here: it may be large
             results_.push( job );
          }
@@ -88,6 +91,15 @@ void ConfigQueue::submit( ChangeRequest request, Done done ) {
    handOut();
 }
 
+void ConfigQueue::submit( Ptr<CheckedChange> change, std::function<bool()> stale, Done done ) {
+   const Ptr<Job> job = new Job();
+   job->change = std::move( change );
+   job->stale = std::move( stale );
+   job->done = std::move( done );
+   waiting_.push_back( job );
+   handOut();
+}
+
 void ConfigQueue::handOut() {
    while ( handedOut_ < std::min( waiting_.size(), maxChecked ) ) {
       checkThread_->push( waiting_[handedOut_++] );
@@ -109,6 +121,8 @@ void ConfigQueue::slice( Task & task ) {
       const auto & job = *waiting_.front();
       if ( !job.change->errors.empty() ) {
          finish( { job.change->errors, 0 } );
+      } else if ( !crossCheck_ && job.stale && job.stale() ) {
+         finish( { {}, 0, true } );
       } else if ( !crossCheck_ ) {
          crossCheck_ = std::make_unique<CrossCheck>( entityManager_, job.change );
       } else if ( crossCheck_->step() ) {
@@ -134,6 +148,7 @@ void ConfigQueue::finish( const ChangeOutcome & outcome ) {
    handOut();
    // Taken out: the checker thread may be the last to let go of the job, and what `done` holds is this
    // thread's.
+   job->stale = nullptr;
    const auto done = std::exchange( job->done, {} );
    done( outcome );
 }

@@ -17,6 +17,7 @@ namespace host {
 struct ChangeOutcome {
    std::vector<std::string> errors{}; // one line each; then nothing was changed
    std::uint64_t changes = 0;
+   bool stale = false; // nothing was changed: what it was drawn up against stands no more
 };
 
 /// The one way into the configuration, for documents and single changes alike. Requests are checked whole on
@@ -41,6 +42,8 @@ class ConfigQueue : public platform::RefCounted {
    /// `done` runs once, on the main loop and never inside this call. Takes what it is given; whoever passes
    /// on requests from outside asks full() first.
    void submit( ChangeRequest request, Done done );
+   /// The same for a change that is checked by itself already. `stale` is asked when its turn comes.
+   void submit( platform::Ptr<CheckedChange> change, std::function<bool()> stale, Done done );
    bool full() const { return waiting_.size() >= maxWaiting; }
 
  private:
@@ -60,10 +63,10 @@ class ConfigQueue : public platform::RefCounted {
    platform::Ptr<CheckThread> checkThread_;
    platform::Ptr<platform::Task> task_;
    platform::Ptr<platform::Task> applyTask_; // goes on with what has begun to be applied, before other tasks
-   std::deque<platform::Ptr<Job>> waiting_; // in the order of submission; the front is applied
-   std::size_t handedOut_ = 0;              // of them, to the checker thread
-   std::unique_ptr<CrossCheck> crossCheck_; // of the front, once it is checked by itself
-   std::unique_ptr<Applier> applier_;       // of the front, once it is checked against the state
+   std::deque<platform::Ptr<Job>> waiting_;  // in the order of submission; the front is applied
+   std::size_t handedOut_ = 0;               // of them, to the checker thread
+   std::unique_ptr<CrossCheck> crossCheck_;  // of the front, once it is checked by itself
+   std::unique_ptr<Applier> applier_;        // of the front, once it is checked against the state
 };
 
 } // namespace host

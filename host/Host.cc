@@ -96,10 +96,7 @@ Host::Host( HostOptions options )
         status_( new HostStatus() ) {}
 
 Host::~Host() {
-   controlServer_ = nullptr;
-   configQueue_ = nullptr;
-   agent_ = nullptr;
-   changeFeed_ = nullptr;
+   teardown();
    for ( auto * each : signals_ ) {
       event_free( each );
    }
@@ -119,10 +116,24 @@ std::vector<std::string> Host::start() {
    status_->versionIs( options_.version );
    status_->agentNameIs( options_.agentName );
    status_->pidIs( static_cast<std::uint32_t>( getpid() ) );
-   schema_ = std::make_shared<Schema>( *entityManager_, std::vector<std::string>{ HostStatus::path } );
+   schema_ = std::make_shared<Schema>( *entityManager_, closedPaths() );
 
+   if ( auto refusal = stateRestore() ) {
+      return { *refusal };
+   }
+   // On top of what was stored: the startup file decides for the paths that it names.
    if ( auto errors = startupConfigure(); !errors.empty() ) {
       return errors;
+   }
+   if ( options_.interfacesFromKernel ) {
+      kernelInterfaces_ = new KernelInterfaces( mainLoop_, scheduler_, entityManager_ );
+      if ( auto refusal = kernelInterfaces_->start() ) {
+         return { *refusal };
+      }
+   }
+   if ( options_.packetFilter ) {
+      packetFilter_ = new PacketFilter( mainLoop_, scheduler_, entityManager_, status_, report );
+      packetFilter_->start();
    }
    std::string why;
    auto * factory = agentFactoryLoad( options_.agentLibrary, &why );
@@ -141,6 +152,9 @@ std::vector<std::string> Host::start() {
    agent_->doInit();
 
    configQueue_ = new ConfigQueue( mainLoop_, entityManager_, scheduler_, schema_ );
+   if ( stateKeeper_ ) {
+      stateKeeper_->agentStarted( configQueue_, agent_->statistics() );
+   }
    changeFeed_ = new ChangeFeed( entityManager_ );
    ControlServices services;
    services.mainLoop = mainLoop_;
@@ -168,11 +182,51 @@ void Host::run() {
       event_del( each );
    }
    HM_TRACE( 4, " the host is stopping" );
-   controlServer_ = nullptr;
-   configQueue_ = nullptr;
-   agent_ = nullptr;
-   changeFeed_ = nullptr;
+   teardown();
    traceFlush();
+}
+
+void Host::teardown() {
+   controlServer_ = nullptr;
+   if ( stateKeeper_ ) {
+      stateKeeper_->finish(); // as it stands, not as an agent that is being torn down leaves it
+   }
+   configQueue_ = nullptr;
+   stateKeeper_ = nullptr;
+   kernelInterfaces_ = nullptr;
+   agent_ = nullptr;
+   packetFilter_ = nullptr;
+   changeFeed_ = nullptr;
+}
+
+Refusal Host::stateRestore() {
+   const auto roots = storedRoots( *entityManager_, *schema_ );
+   const auto store = stateStoreMake( options_.stateDb, mainLoop_, schema_, roots );
+   if ( !store ) {
+      return std::nullopt;
+   }
+   StateKeeper::Services services;
+   services.mainLoop = mainLoop_;
+   services.scheduler = scheduler_;
+   services.entityManager = entityManager_;
+   services.report = []( const std::string & line ) { report( line ); };
+   services.changeEnded = [this]( const ChangeOutcome & outcome ) { changeEnded( outcome ); };
+   services.refusals = [this]( std::uint64_t count ) {
+      status_->stateRefusalsIs( status_->stateRefusals() + count );
+   };
+   stateKeeper_ = new StateKeeper( services, roots, store );
+   return stateKeeper_->restore();
+}
+
+std::vector<Schema::Closed> Host::closedPaths() const {
+   std::vector<Schema::Closed> closed{ { HostStatus::path } };
+   if ( options_.interfacesFromKernel ) {
+      for ( const auto & path : KernelInterfaces::paths ) {
+         closed.push_back(
+               { path, "follows the kernel's interfaces (--interfaces kernel) and is not configured" } );
+      }
+   }
+   return closed;
 }
 
 std::vector<std::string> Host::startupConfigure() {

@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <sys/resource.h>
 
@@ -35,6 +36,8 @@ int main( int argc, char ** argv ) {
    options.socketPath = "/run/health-monitor/hm.sock";
    options.version = HM_VERSION;
    std::string stateDb = "memory:";
+   std::string interfaces = "config";
+   std::string packetFilter = "off";
    std::string traceSpec;
    bool traceStderr = false;
 
@@ -50,8 +53,20 @@ int main( int argc, char ** argv ) {
    app.add_option( "--socket", options.socketPath, "Control socket (mode 0660)" )
          ->type_name( "PATH" )
          ->capture_default_str();
-   app.add_option( "--state-db", stateDb, "Where the state is kept: memory:" )
+   app.add_option( "--state-db", stateDb,
+            "Where the state outlives the process: memory: (nowhere), sqlite:PATH, redis://HOST[:PORT][/DB], "
+            "redis+unix:PATH[?db=DB]" )
          ->type_name( "URL" )
+         ->capture_default_str();
+   app.add_option( "--interfaces", interfaces,
+            "Where interface status and bridge MAC address come from: config or kernel" )
+         ->check( CLI::IsMember( { "config", "kernel" } ) )
+         ->type_name( "SOURCE" )
+         ->capture_default_str();
+   app.add_option( "--packet-filter", packetFilter,
+            "auto: keep packet-filter rules for probes and pings; off: they are somebody else's" )
+         ->type_name( "MODE" )
+         ->check( CLI::IsMember( { "auto", "off" } ) )
          ->capture_default_str();
    app.add_option( "--trace", traceSpec, "Trace levels, for instance HealthMonitor=0-4,NetCHASM=5" )
          ->type_name( "SPEC" );
@@ -61,9 +76,15 @@ int main( int argc, char ** argv ) {
    } catch ( const CLI::ParseError & error ) {
       return app.exit( error ) == 0 ? 0 : wrongUsage;
    }
-   if ( stateDb != "memory:" ) {
-      fmt::print( stderr, "hm-host: --state-db \"{}\": only \"memory:\" is supported\n", stateDb );
+   if ( const auto refusal = host::StoreUrl::fromText( stateDb, options.stateDb ) ) {
+      fmt::print( stderr, "hm-host: --state-db {}\n", *refusal );
       return wrongUsage;
+   }
+   options.interfacesFromKernel = interfaces == "kernel";
+   options.packetFilter = packetFilter == "auto";
+   if ( const char * password = std::getenv( "HM_REDIS_PASSWORD" ) ) {
+      options.stateDb.password =
+            password; // not among the arguments, which every user of the machine can read
    }
    platform::traceToStderrIs( traceStderr );
    if ( const auto refusal = platform::traceSpecApply( traceSpec ); !traceSpec.empty() && refusal ) {

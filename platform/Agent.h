@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace platform {
 
@@ -23,6 +24,12 @@ struct AgentContext {
    };
 };
 
+/// Entities of an agent's own that others may read now and then. They stand in no tree that anybody watches.
+struct Statistics {
+   Ptr<const Entity> entity;
+   const CollectionInfo * collection; // of `entity`; with everything below it
+};
+
 /// Base of an agent: one object that the host makes through the library's factory, initialises once, and
 /// releases at the end. Everything here runs on the main thread.
 ///
@@ -35,6 +42,9 @@ class Agent : public RefCounted {
    virtual void doInit() = 0;
    /// What is left over after all configuration has gone; empty when the agent is clean.
    virtual std::string doCheckAgentCleanState() const = 0;
+
+   /// Complete once the mounts are, and for the agent's life.
+   virtual std::vector<Statistics> statistics() const { return {}; }
 
    const std::string & name() const { return name_; }
    const AgentContext & context() const { return context_; }

@@ -36,4 +36,10 @@ void EventLoopThread::stop() {
    }
 }
 
+void EventLoopThread::join() {
+   if ( thread_.joinable() ) {
+      thread_.join();
+   }
+}
+
 } // namespace platform

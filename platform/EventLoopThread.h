@@ -19,6 +19,8 @@ class EventLoopThread : public RefCounted {
 
  protected:
    EventLoopThread( std::string name, Ptr<EventLoop> loop );
+   /// Waits for a thread that stops its loop by itself.
+   void join();
    virtual void doInitSm() = 0; // on the thread, before the loop runs
    virtual void doDelSm() = 0;  // on the thread, after the loop has stopped
 

@@ -90,11 +90,11 @@ class UpCounter(threading.Thread):
 
 
 class Agent:
-    def __init__(self, programs, directory):
+    def __init__(self, programs, directory, *options):
         self.socket = pathlib.Path(directory) / "hm.sock"
         self.hmctl = [str(programs / "hmctl"), "-s", str(self.socket)]
         self.log = open(pathlib.Path(directory) / "hm-host.log", "w+")
-        self.process = subprocess.Popen([programs / "hm-host", "--socket", self.socket], stderr=self.log,
+        self.process = subprocess.Popen([programs / "hm-host", "--socket", self.socket, *options], stderr=self.log,
                                         env=dict(os.environ, FLASHLOG_DISABLE="1"), preexec_fn=be_first)
         deadline = time.monotonic() + 20
         while not self.socket.exists():

@@ -189,16 +189,7 @@ TEST_F( CliTest, ALargeGroupIsPrintedInSlicesToo ) {
    group( "next", "http://h/", "", { "10.2.1.1" } );
    const auto whole = showJson( counters );
    EXPECT_EQ( whole["hmCounters"]["large"]["servers"].size(), 1000u );
-   // As slow as can be: a slice is over as soon as it asks.
-   struct SlowClock : ManualClock {
-      TimePoint now() const override {
-         const_cast<SlowClock *>( this )->advance( Seconds{ 1 } );
-         return ManualClock::now();
-      }
-   } slow;
-   auto context = agent_->context();
-   context.clock = &slow;
-   agent_->contextIs( context );
+   slicesAreShort();
    EXPECT_EQ( showJson( counters ), whole );
    EXPECT_GT( slices_, 300 );
    // The group goes, and comes again, while it is half printed.

@@ -266,7 +266,7 @@ TEST_F( Programs, SayWhyTheyCannotStart ) {
    EXPECT_THAT( hostRun( hostArguments( { "--config", file( "bad.yaml", "x: {}\n" ) } ) ).errors,
          HasSubstr( "bad.yaml:1: no such path: x\n" ) );
    EXPECT_THAT( hostRun( hostArguments( { "--config", directory } ) ).errors, HasSubstr( "Is a directory" ) );
-   EXPECT_EQ( hostRun( hostArguments( { "--state-db", "sqlite:/x" } ) ).status, 2 );
+   EXPECT_EQ( hostRun( hostArguments( { "--state-db", "sqlite:" } ) ).status, 2 );
    EXPECT_EQ( hostRun( hostArguments( { "--trace", "=" } ) ).status, 2 );
    EXPECT_EQ( hostRun( { HM_HOST_PROGRAM, "--frob" } ).status, 2 );
    EXPECT_THAT( hostRun( { HM_HOST_PROGRAM, "--socket", socket, "--agent", directory + "/none.so" } ).errors,
