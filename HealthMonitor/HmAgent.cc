@@ -69,7 +69,11 @@ void HmAgent::doMountsComplete( MountStatus status, Ptr<EntityManager> entityMan
    configSmIs( hmProbeConfig_, serverConfig_, hmServerStatus_, mgmtSslStatus_, scheduler, hmCommonData_,
          netChasmCmdQueue_ );
    probeStatusSmIs( hmProbeConfig_, hmServerStatus_, netChasmResultQueue_, hmCommonData_, scheduler );
+   const Ptr<const Bridging::Config> bridgingConfig =
+         entityAt<Bridging::Config>( *entityManager, "bridging/config" );
+   nfQueueSmIs( bridgingConfig, hmProbeConfig_, hmServerStatus_, hmCommonData_ );
    netChasmTraceIs( netChasmCmdQueue_ );
+   ipIntfStatusSmIs( ipStatus_, ip6Status_, hmProbeConfig_, hmServerStatus_ );
    cliCallbackIs( "HealthMonitorCli", "HmCli", this );
    cliCallbackFIs( "HealthMonitorCliF", "HmCliF", this );
    commandRequestDirectory()->commandCallbackIs( cliCallback_ );
@@ -101,6 +105,8 @@ HmAgent::~HmAgent() {
    hmCommonData_ = nullptr;
    configSm_.del();
    probeStatusSm_.del();
+   nfQueueSm_.del();
+   ipIntfStatusSm_.del();
    netChasmInterface_.del();
    netChasmTrace_.del();
    callbackDel( operatorCli_ );
@@ -135,6 +141,21 @@ const Ptr<ProbeStatusSm> & HmAgent::probeStatusSmIs( const Ptr<const HmState::Pr
       const Ptr<CommonData> & commonData, const Ptr<TaskScheduler> & scheduler ) {
    return probeStatusSm_.is(
          probeStatusSmFactory, probeConfig, serverStatus, resultQueue, commonData, scheduler );
+}
+
+const Ptr<NfQueueSm> & HmAgent::nfQueueSmIs( const Ptr<const Bridging::Config> & bridgingConfig,
+      const Ptr<const HmState::ProbeConfig> & probeConfig,
+      const Ptr<const HmState::ServerStatus> & serverStatus, const Ptr<CommonData> & commonData ) {
+   const auto factory = [this]( auto... args ) {
+      return nfQueueSmFactory( context().mainLoop, std::move( args )... );
+   };
+   return nfQueueSm_.is( factory, bridgingConfig, probeConfig, serverStatus, commonData );
+}
+
+const Ptr<IpIntfStatusSm> & HmAgent::ipIntfStatusSmIs( const Ptr<const Ip::Status> & ipStatus,
+      const Ptr<const Ip6::Status> & ip6Status, const Ptr<const HmState::ProbeConfig> & probeConfig,
+      const Ptr<HmState::ServerStatus> & serverStatus ) {
+   return ipIntfStatusSm_.is( ipIntfStatusSmFactory, ipStatus, ip6Status, probeConfig, serverStatus );
 }
 
 const Ptr<NetCHASMTraceReactorSm> & HmAgent::netChasmTraceIs( const Ptr<EventMpmcQueue> & cmdQueue ) {

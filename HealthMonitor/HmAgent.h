@@ -2,8 +2,10 @@
 
 #include "HealthMonitor/HmCli.h"
 #include "HealthMonitor/HmConfigSm.h"
+#include "HealthMonitor/HmIpIntfStatusSm.h"
 #include "HealthMonitor/HmNetCHASMInterface.h"
 #include "HealthMonitor/HmNetCHASMTrace.h"
+#include "HealthMonitor/HmNfQueueSm.h"
 #include "HealthMonitor/HmOperatorCli.h"
 #include "HealthMonitor/HmProbeStatusSm.h"
 #include "platform/Agent.h"
@@ -40,6 +42,10 @@ class Wired {
    void del() {
       if ( const Ptr<T> gone = std::exchange( object_, nullptr ) ) {
          gone->notificationsEnabledIs( false );
+         // Others may hold it on; what there is only one of must be free for who comes after it.
+         if constexpr ( requires { gone->doCleanup(); } ) {
+            gone->doCleanup();
+         }
       }
       builtFrom_.clear();
    }
@@ -80,6 +86,12 @@ class HmAgent : public Agent {
    const Ptr<ProbeStatusSm> & probeStatusSmIs( const Ptr<const HmState::ProbeConfig> & probeConfig,
          const Ptr<HmState::ServerStatus> & serverStatus, const Ptr<EventMpmcQueue> & resultQueue,
          const Ptr<CommonData> & commonData, const Ptr<TaskScheduler> & scheduler );
+   const Ptr<NfQueueSm> & nfQueueSmIs( const Ptr<const Bridging::Config> & bridgingConfig,
+         const Ptr<const HmState::ProbeConfig> & probeConfig,
+         const Ptr<const HmState::ServerStatus> & serverStatus, const Ptr<CommonData> & commonData );
+   const Ptr<IpIntfStatusSm> & ipIntfStatusSmIs( const Ptr<const Ip::Status> & ipStatus,
+         const Ptr<const Ip6::Status> & ip6Status, const Ptr<const HmState::ProbeConfig> & probeConfig,
+         const Ptr<HmState::ServerStatus> & serverStatus );
    const Ptr<NetCHASMTraceReactorSm> & netChasmTraceIs( const Ptr<EventMpmcQueue> & cmdQueue );
    const Ptr<HmCli> & cliCallbackIs(
          const std::string & name, const std::string & commandType, HmAgent * hmAgent );
@@ -88,6 +100,8 @@ class HmAgent : public Agent {
    void netChasmInterfaceDel() { netChasmInterface_.del(); }
    void configSmDel() { configSm_.del(); }
    void probeStatusSmDel() { probeStatusSm_.del(); }
+   void nfQueueSmDel() { nfQueueSm_.del(); }
+   void ipIntfStatusSmDel() { ipIntfStatusSm_.del(); }
    void netChasmTraceDel() { netChasmTrace_.del(); }
 
    const Ptr<const HmState::ProbeConfig> & hmProbeConfig() const { return hmProbeConfig_; }
@@ -95,6 +109,8 @@ class HmAgent : public Agent {
    const Ptr<CommonData> & hmCommonData() const { return hmCommonData_; }
    const Ptr<ConfigSm> & configSm() const { return configSm_.object(); }
    const Ptr<ProbeStatusSm> & probeStatusSm() const { return probeStatusSm_.object(); }
+   const Ptr<NfQueueSm> & nfQueueSm() const { return nfQueueSm_.object(); }
+   const Ptr<IpIntfStatusSm> & ipIntfStatusSm() const { return ipIntfStatusSm_.object(); }
    const Ptr<NetCHASMInterface> & netChasmInterface() const { return netChasmInterface_.object(); }
    const Ptr<NetCHASMTraceReactorSm> & netChasmTrace() const { return netChasmTrace_.object(); }
    const Ptr<HmCliF> & cliCallbackF() const { return cliCallbackF_; }
@@ -117,6 +133,8 @@ class HmAgent : public Agent {
    Ptr<CommonData> hmCommonData_;
    Wired<ConfigSm> configSm_;
    Wired<ProbeStatusSm> probeStatusSm_;
+   Wired<NfQueueSm> nfQueueSm_;
+   Wired<IpIntfStatusSm> ipIntfStatusSm_;
    Ptr<FifoEvent> netChasmCmdEvent_;
    Ptr<EventLoop> netChasmCmdEventLoop_;  // run by the command thread
    Ptr<EventMpmcQueue> netChasmCmdQueue_; // main thread to command thread

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "HealthMonitor/HmPacketCounters.h"
 #include "HealthMonitor/HmPayloadIntake.h"
 #include "platform/Assert.h"
 #include "platform/Entity.h"
@@ -191,11 +192,16 @@ class CommonData : public Entity {
    }
    void serverMarkBitmapDel() { serverMarkBitmap_ = nullptr; }
 
+   /// What became of each packet; encapDropCnt and nfQueueRcvCnt by reason.
+   PacketCounters & packetCounters() { return packetCounters_; }
+   const PacketCounters & packetCounters() const { return packetCounters_; }
+
    /// Between whoever judges response bodies and the engine's threads, which outlive this object.
    const Ptr<PayloadIntake> & payloadIntake() const { return payloadIntake_; }
 
  private:
    Ptr<HBitmap> serverMarkBitmap_;
+   PacketCounters packetCounters_;
    const Ptr<PayloadIntake> payloadIntake_ = new PayloadIntake();
 };
 

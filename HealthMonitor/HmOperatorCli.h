@@ -8,8 +8,8 @@ using namespace platform;
 
 class HmAgent;
 
-/// The commands that an operator begins with, beside the "show health-monitor" ones: what state every server
-/// is in, and what one server answers right now. Main thread.
+/// The commands that an operator begins with, beside those of HmCli: what state every server is in, what one
+/// server answers right now, and what becomes of packets. Main thread.
 class HmOperatorCli final : public AgentCommandCallbackWithFormat {
  public:
    /// `agent` outlives the callback.

@@ -5,6 +5,7 @@
 #include "platform/Printable.h"
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 
 namespace hm {
@@ -14,6 +15,10 @@ namespace {
 constexpr Seconds sliceTime{ 0.1 };
 /// Of a body that is shown.
 constexpr std::size_t shownBodyBytes = 64;
+/// Checks under way at once, of everybody who asks: each holds a descriptor until it ends, whether or not
+/// somebody still waits for it.
+constexpr unsigned maxUnderWay = 64;
+std::atomic<unsigned> underWay = 0; // they end on threads of the engine
 
 double ms( std::uint32_t microseconds ) {
    return microseconds / 1000.0;
@@ -88,10 +93,15 @@ std::string ProbeNowSm::ask() {
       if ( url.empty() || !engine ) {
          continue;
       }
+      if ( underWay >= maxUnderWay ) {
+         return "too many checks are under way";
+      }
+      ++underWay;
+      const std::shared_ptr<void> counted( nullptr, []( void * ) { --underWay; } );
       const auto promise = std::make_shared<std::promise<HMProbeReport>>();
       if ( engine->probe( hostGroupNameFromNhgAndProbeType( nhgName_, probeType ),
                  hostNameFromNhgAndServerIp( nhgName_, probeType, *serverIp ),
-                 [promise]( const HMProbeReport & report ) { promise->set_value( report ); } ) ) {
+                 [promise, counted]( const HMProbeReport & report ) { promise->set_value( report ); } ) ) {
          asked_.push_back( { probeType, url, promise->get_future() } );
       }
    }

@@ -32,10 +32,20 @@ std::string timeText( std::uint64_t msSinceEpoch ) {
    return time.lprint( "%Y-%m-%d %H:%M:%S" );
 }
 
+/// In columns of a terminal, not bytes: names are UTF-8.
+std::string padded( const std::string & text, int columns ) {
+   return fmt::format( "{:{}}", text, columns );
+}
+
+int columnsOf( const std::string & text ) {
+   const auto wide = text.size(); // no character has more columns than bytes
+   return static_cast<int>( 2 * wide - padded( text, static_cast<int>( wide ) ).size() );
+}
+
 } // namespace
 
-StatusTableSm::StatusTableSm(
-      const Ptr<const AgentCommandRequest> & request, HmAgent * agent, NexthopGroupName nhgName )
+StatusTableSm::StatusTableSm( const Ptr<const AgentCommandRequest> & request, HmAgent * agent,
+      std::optional<NexthopGroupName> nhgName )
       : AsyncCommandRequestSm( request->name(), request, sliceTime, *agent->context().clock ),
         hmAgent_( agent ),
         only_( std::move( nhgName ) ),
@@ -46,8 +56,11 @@ StatusTableSm::StatusTableSm(
 void StatusTableSm::handleAsyncCommand( unsigned, unsigned ) {
    const auto & groups = *hmAgent_->hmServerStatus();
    if ( !begun_ ) {
-      if ( !only_.empty() && !groups.nhgProbeStatusHas( only_ ) ) {
-         refusedIs( fmt::format( "no nexthop group \"{}\" is monitored", printable( only_ ) ) );
+      if ( only_ && !groups.nhgProbeStatusHas( *only_ ) ) {
+         refusedIs( fmt::format( "no nexthop group \"{}\" is monitored", printable( *only_ ) ) );
+         return;
+      }
+      if ( !printer_.json() && !measure() ) {
          return;
       }
       begin();
@@ -61,15 +74,18 @@ void StatusTableSm::handleAsyncCommand( unsigned, unsigned ) {
    executionCompletedIs( true );
 }
 
-void StatusTableSm::begin() {
-   begun_ = true;
+bool StatusTableSm::measure() {
    const auto & config = *hmAgent_->hmProbeConfig();
    const auto widen = []( int & width, const std::string & text ) {
-      width = std::max( width, static_cast<int>( text.size() ) );
+      width = std::max( width, columnsOf( text ) );
    };
-   for ( const auto & group : hmAgent_->hmServerStatus()->nhgProbeStatusItems() ) {
+   for ( const auto & group : hmAgent_->hmServerStatus()->nhgProbeStatusItems().from( measuredTo_ ) ) {
       if ( !wanted( group.key ) ) {
-         continue;
+         break;
+      }
+      if ( shouldYield() ) {
+         measuredTo_ = group.key;
+         return false;
       }
       widen( widths_.nhg, printable( group.key ) );
       if ( const auto probe = config.nhgProbeConfig( group.key ) ) {
@@ -81,6 +97,11 @@ void StatusTableSm::begin() {
          widths_.server = longestIpv6;
       }
    }
+   return true;
+}
+
+void StatusTableSm::begin() {
+   begun_ = true;
    printer_.start();
    printer_.dictStart( "hmStatus" );
    printer_.frill( "%-*s %-*s %-*s %-8s %-8s %-8s %-19s %-28s %s\n", widths_.nhg, "Nexthop Group",
@@ -94,7 +115,8 @@ void StatusTableSm::begin() {
 bool StatusTableSm::rows() {
    const auto & groups = hmAgent_->hmServerStatus()->nhgProbeStatusItems();
    // A group that went meanwhile is closed where it was; the walk goes on at the next one above it.
-   auto range = nhgBookmark_ ? groups.from( *nhgBookmark_ ) : groups.from( only_ );
+   auto range =
+         nhgBookmark_ ? groups.from( *nhgBookmark_ ) : groups.from( only_.value_or( NexthopGroupName{} ) );
    for ( const auto & group : range ) {
       if ( !wanted( group.key ) ) {
          break;
@@ -176,7 +198,7 @@ void StatusTableSm::row(
    printer_.dictEnd();
    const auto * const state = stateWord( published.adminState(), published.operState() );
    printer_.row( { { "state", state }, { "weight", published.weight() }, { "since", published.since() } },
-         "%-*s %-*s %-*s %-8s %-8s %-8s %-19s %-28s %s\n", widths_.nhg, printable( nhgName ).c_str(),
+         "%s %-*s %-*s %-8s %-8s %-8s %-19s %-28s %s\n", padded( printable( nhgName ), widths_.nhg ).c_str(),
          widths_.vip, vip_.c_str(), widths_.server, server.c_str(), state, words[0], words[1],
          timeText( published.since() ).c_str(),
          last ? HMReasonText( static_cast<HM_REASON>( last->lastReason() ) ) : "-",

@@ -13,18 +13,21 @@ class HmAgent;
 /// the latest check saw. Main thread.
 class StatusTableSm final : public AsyncCommandRequestSm {
  public:
-   /// `nhgName`: only this group; empty: all. `agent` outlives the request.
-   StatusTableSm( const Ptr<const AgentCommandRequest> & request, HmAgent * agent, NexthopGroupName nhgName );
+   /// `nhgName`: only this group; none: all. `agent` outlives the request.
+   StatusTableSm( const Ptr<const AgentCommandRequest> & request, HmAgent * agent,
+         std::optional<NexthopGroupName> nhgName );
 
    void handleAsyncCommand( unsigned socket, unsigned format ) override;
 
  private:
-   /// The columns whose width depends on what stands in them, in bytes.
+   /// The columns whose width depends on what stands in them.
    struct Widths {
       int nhg = 13;
       int vip = 3;
       int server = 15;
    };
+   /// How wide the columns are to be. False: the slice is over.
+   bool measure();
    void begin();
    void groupBegin( const NexthopGroupName & nhgName );
    void groupEnd();
@@ -32,12 +35,13 @@ class StatusTableSm final : public AsyncCommandRequestSm {
          const HmState::ProbeStatus & published );
    /// Prints from the bookmark on. False: the slice is over.
    bool rows();
-   bool wanted( const NexthopGroupName & nhgName ) const { return only_.empty() || nhgName == only_; }
+   bool wanted( const NexthopGroupName & nhgName ) const { return !only_ || nhgName == *only_; }
 
    HmAgent * const hmAgent_;
-   const NexthopGroupName only_;
+   const std::optional<NexthopGroupName> only_;
    CliPrinter printer_;
    Widths widths_;
+   NexthopGroupName measuredTo_ = only_.value_or( NexthopGroupName{} ); // where measure() goes on
    bool begun_ = false;
    // Where the walk stands: a group that has been begun, and the last server of it that was printed.
    std::optional<NexthopGroupName> nhgBookmark_;

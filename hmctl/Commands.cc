@@ -1,5 +1,6 @@
 #include "hmctl/Commands.h"
 
+#include "hmctl/Doctor.h"
 #include "hmctl/Interrupts.h"
 #include "hmctl/Terminal.h"
 #include "hmctl/Words.h"
@@ -212,6 +213,9 @@ std::vector<Command> ownCommandsMake( bool inShell ) {
          { { "del" }, "remove one member of a set or one entry of a collection",
                arguments( "PATH KEY", { "path of the set or collection", "what goes" } ), {}, Paths::keyed,
                del },
+         { { "doctor" },
+               "look at what probes through virtual addresses need of this machine; status 1 if amiss", {},
+               { jsonFlag }, Paths::all, doctor },
          { { "get" }, "print the state below a path",
                arguments( "[PATH]", { "all when left out; \"/\" in a name is written %2F" } ),
                { { "--json", "JSON rather than YAML" },

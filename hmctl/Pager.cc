@@ -63,11 +63,10 @@ void Pager::ask( std::size_t rows ) {
    constexpr std::string_view question = "--More-- (space: page, Enter: line, G: all, q: no more)";
    const auto height = std::max<std::size_t>( screen_.size().rows, 2 ) - 1; // one is for the question
    while ( rowsShown_ > 0 && rowsShown_ + rows > height ) {
-      screen_.write( question );
       const auto erase = "\r" + std::string( question.size(), ' ' ) + "\r";
       char key = 'q';
       try {
-         key = screen_.key();
+         key = screen_.key( question );
       } catch ( const Interrupted & ) {
          screen_.write( erase );
          throw;
@@ -90,8 +89,9 @@ void Pager::ask( std::size_t rows ) {
 
 Pager::Screen terminalScreen( StandardOutput & output ) {
    return { terminalSize, StandardOutput::bytesWrite,
-         [] {
-            const KeyMode mode;
+         []( std::string_view question ) {
+            const KeyMode mode; // first, or a key that follows closely is shown
+            StandardOutput::bytesWrite( question );
             waitFor( STDIN_FILENO, POLLIN );
             char key = 'q';
             if ( read( STDIN_FILENO, &key, 1 ) <= 0 ) {

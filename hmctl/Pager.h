@@ -14,7 +14,8 @@ class Pager final : public Output {
    struct Screen {
       std::function<TerminalSize()> size;
       std::function<void( std::string_view )> write; // text that is safe for a terminal
-      std::function<char()> key;                     // waits for one; may throw Interrupted
+      /// Shows the question and waits for a key, which is not shown; may throw Interrupted.
+      std::function<char( std::string_view question )> key;
       std::function<void( const std::string & )> redraw;
    };
    explicit Pager( Screen screen ) : screen_( std::move( screen ) ) {}

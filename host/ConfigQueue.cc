@@ -70,8 +70,10 @@ ConfigQueue::ConfigQueue( Ptr<EventLoop> mainLoop, Ptr<EntityManager> entityMana
       : entityManager_( std::move( entityManager ) ),
         checkedEvent_( new FifoEvent( std::move( mainLoop ) ) ),
         checkThread_( new CheckThread( std::move( schema ), checkedEvent_ ) ),
-        task_( new Task( scheduler, TaskPriority{}, "config-apply" ) ) {
-   task_->runHandlerIs( [this] { slice(); } );
+        task_( new Task( scheduler, TaskPriority{}, "config-check" ) ),
+        applyTask_( new Task( scheduler, TaskPriority{ TaskPriority{}.value - 1 }, "config-apply" ) ) {
+   task_->runHandlerIs( [this] { slice( *task_ ); } );
+   applyTask_->runHandlerIs( [this] { slice( *applyTask_ ); } );
    checkedEvent_->watch( [this] { checked(); } );
    checkThread_->start();
 }
@@ -111,8 +113,8 @@ void ConfigQueue::checked() {
    task_->scheduleTask();
 }
 
-void ConfigQueue::slice() {
-   while ( !task_->taskShouldYield() ) {
+void ConfigQueue::slice( Task & task ) {
+   while ( !task.taskShouldYield() ) {
       if ( waiting_.empty() || !waiting_.front()->checked ) {
          return;
       }
@@ -133,7 +135,7 @@ void ConfigQueue::slice() {
          finish( { applier_->refusals(), applier_->changes() } );
       }
    }
-   task_->scheduleTask();
+   ( applier_ ? applyTask_ : task_ )->scheduleTask();
 }
 
 void ConfigQueue::finish( const ChangeOutcome & outcome ) {

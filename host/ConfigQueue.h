@@ -22,7 +22,9 @@ struct ChangeOutcome {
 
 /// The one way into the configuration, for documents and single changes alike. Requests are checked whole on
 /// a thread of its own, in their order, and then held against the state and applied on the main loop, one at
-/// a time and in slices: no document, however large or wrong, holds the main loop.
+/// a time and in slices: no document, however large or wrong, holds the main loop. Between the slices of one
+/// that is being applied the loop serves descriptors and timers, but no other task: an agent that began with
+/// half of a document would come to the rest only in its next round.
 ///
 /// Main thread, as all of its callbacks.
 class ConfigQueue : public platform::RefCounted {
@@ -53,17 +55,18 @@ class ConfigQueue : public platform::RefCounted {
 
    void handOut();
    void checked();
-   void slice();
+   void slice( platform::Task & task );
    void finish( const ChangeOutcome & outcome );
 
    const platform::Ptr<platform::EntityManager> entityManager_;
    platform::Ptr<platform::FifoEvent> checkedEvent_;
    platform::Ptr<CheckThread> checkThread_;
    platform::Ptr<platform::Task> task_;
-   std::deque<platform::Ptr<Job>> waiting_; // in the order of submission; the front is applied
-   std::size_t handedOut_ = 0;              // of them, to the checker thread
-   std::unique_ptr<CrossCheck> crossCheck_; // of the front, once it is checked by itself
-   std::unique_ptr<Applier> applier_;       // of the front, once it is checked against the state
+   platform::Ptr<platform::Task> applyTask_; // goes on with what has begun to be applied, before other tasks
+   std::deque<platform::Ptr<Job>> waiting_;  // in the order of submission; the front is applied
+   std::size_t handedOut_ = 0;               // of them, to the checker thread
+   std::unique_ptr<CrossCheck> crossCheck_;  // of the front, once it is checked by itself
+   std::unique_ptr<Applier> applier_;        // of the front, once it is checked against the state
 };
 
 } // namespace host

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -57,6 +58,11 @@ void ControlClient::close() {
    ::close( fd_ );
    fd_ = -1;
    server_->clientDel( *this ); // may release this client: nothing may follow
+}
+
+bool ControlClient::peerGone() const {
+   pollfd ends{ fd_, 0, 0 };
+   return poll( &ends, 1, 0 ) == 1 && ( ends.revents & POLLHUP ) != 0;
 }
 
 void ControlClient::wake() {

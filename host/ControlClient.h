@@ -32,6 +32,8 @@ class ControlClient : public platform::RefCounted {
    void start();
    void close();
    bool closed() const { return fd_ < 0; }
+   /// The other side has closed its end, and not only its output. Asks the kernel.
+   bool peerGone() const;
 
    ControlServer & server() const { return *server_; }
    /// What an answer that was not ready calls when it is.

@@ -23,11 +23,12 @@ class RunAnswer final : public Answer {
  public:
    /// `readEnd` becomes the answer's. `writeEnd` too; the run prints to it.
    RunAnswer( ControlClient & client, int readEnd, int writeEnd )
-         : readEnd_( readEnd ),
+         : client_( client ),
+           readEnd_( readEnd ),
            writeEnd_( writeEnd ),
-           again_( new LoopTimer( client.server().services().mainLoop, [this, &client] {
+           again_( new LoopTimer( client.server().services().mainLoop, [this] {
               waiting_ = false;
-              client.wake();
+              client_.wake();
            } ) ) {}
    ~RunAnswer() override {
       run_ = nullptr; // before its descriptor is closed
@@ -59,7 +60,10 @@ class RunAnswer final : public Answer {
          out += run_->interrupted() ? refusedLine( { "the agent went away" } ) : doneLine();
          return false;
       }
-      // It waits for something else than the client.
+      // It waits for something else than the client, who may go meanwhile: nothing is sent that would tell.
+      if ( client_.peerGone() ) {
+         return false;
+      }
       waiting_ = true;
       again_->start( std::chrono::milliseconds( 10 ) );
       return true;
@@ -93,6 +97,7 @@ class RunAnswer final : public Answer {
       return 0;
    }
 
+   ControlClient & client_; // owns this answer
    const int readEnd_;
    const int writeEnd_;
    const Ptr<LoopTimer> again_;

@@ -152,7 +152,7 @@ class Checker {
          return false;
       }
       if ( !place.outsideWrites ) {
-         error( line, place.path(), {}, "is written by the host and its agent only" );
+         error( line, place.path(), {}, place.closedBecause );
          return false;
       }
       return true;

@@ -116,7 +116,7 @@ std::vector<std::string> Host::start() {
    status_->versionIs( options_.version );
    status_->agentNameIs( options_.agentName );
    status_->pidIs( static_cast<std::uint32_t>( getpid() ) );
-   schema_ = std::make_shared<Schema>( *entityManager_, std::vector<std::string>{ HostStatus::path } );
+   schema_ = std::make_shared<Schema>( *entityManager_, closedPaths() );
 
    if ( auto refusal = stateRestore() ) {
       return { *refusal };
@@ -124,6 +124,16 @@ std::vector<std::string> Host::start() {
    // On top of what was stored: the startup file decides for the paths that it names.
    if ( auto errors = startupConfigure(); !errors.empty() ) {
       return errors;
+   }
+   if ( options_.interfacesFromKernel ) {
+      kernelInterfaces_ = new KernelInterfaces( mainLoop_, scheduler_, entityManager_ );
+      if ( auto refusal = kernelInterfaces_->start() ) {
+         return { *refusal };
+      }
+   }
+   if ( options_.packetFilter ) {
+      packetFilter_ = new PacketFilter( mainLoop_, scheduler_, entityManager_, status_, report );
+      packetFilter_->start();
    }
    std::string why;
    auto * factory = agentFactoryLoad( options_.agentLibrary, &why );
@@ -183,7 +193,9 @@ void Host::teardown() {
    }
    configQueue_ = nullptr;
    stateKeeper_ = nullptr;
+   kernelInterfaces_ = nullptr;
    agent_ = nullptr;
+   packetFilter_ = nullptr;
    changeFeed_ = nullptr;
 }
 
@@ -204,6 +216,17 @@ Refusal Host::stateRestore() {
    };
    stateKeeper_ = new StateKeeper( services, roots, store );
    return stateKeeper_->restore();
+}
+
+std::vector<Schema::Closed> Host::closedPaths() const {
+   std::vector<Schema::Closed> closed{ { HostStatus::path } };
+   if ( options_.interfacesFromKernel ) {
+      for ( const auto & path : KernelInterfaces::paths ) {
+         closed.push_back(
+               { path, "follows the kernel's interfaces (--interfaces kernel) and is not configured" } );
+      }
+   }
+   return closed;
 }
 
 std::vector<std::string> Host::startupConfigure() {

@@ -5,6 +5,8 @@
 #include "host/ControlServer.h"
 #include "host/ControlSocket.h"
 #include "host/HostStatus.h"
+#include "host/KernelInterfaces.h"
+#include "host/PacketFilter.h"
 #include "host/Schema.h"
 #include "host/StateKeeper.h"
 #include "platform/Agent.h"
@@ -22,8 +24,10 @@ struct HostOptions {
    std::string agentName = "HealthMonitor";
    std::string configFile{}; // empty: none
    std::string socketPath{};
+   bool packetFilter = false; // keep rules of our own in step
    StoreUrl stateDb{};
    std::string version{};
+   bool interfacesFromKernel = false; // rather than from the configuration
 };
 
 /// The agent host: the state, the main loop, the control socket and the agent. One a process; everything on
@@ -40,6 +44,7 @@ class Host {
    void run();
 
  private:
+   std::vector<Schema::Closed> closedPaths() const;
    platform::Refusal stateRestore();
    std::vector<std::string> startupConfigure();
    void teardown();
@@ -60,7 +65,9 @@ class Host {
    bool reloading_ = false;   // the startup file waits to be checked, or to be applied
    bool reloadAgain_ = false; // it may have changed since: once more, however many signals came
    std::shared_ptr<const Schema> schema_;
-   platform::Ptr<StateKeeper> stateKeeper_; // none: the state ends with the process
+   platform::Ptr<KernelInterfaces> kernelInterfaces_; // empty: they are configured
+   platform::Ptr<PacketFilter> packetFilter_;         // outlives the agent: no probe without rules
+   platform::Ptr<StateKeeper> stateKeeper_;           // none: the state ends with the process
    platform::Ptr<platform::Agent> agent_;
    platform::Ptr<ConfigQueue> configQueue_;
    platform::Ptr<ChangeFeed> changeFeed_;

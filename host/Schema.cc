@@ -43,11 +43,12 @@ std::string SchemaPlace::path() const {
           ( member ? "/" + pathEscape( *member ) : "" );
 }
 
-Schema::Schema( const EntityManager & entityManager, const std::vector<std::string> & readOnly ) {
+Schema::Schema( const EntityManager & entityManager, const std::vector<Closed> & closed ) {
    for ( const auto & [path, entity] : entityManager.roots() ) {
-      const bool closed =
-            entityManager.agentWrites( path ) || std::ranges::find( readOnly, path ) != readOnly.end();
-      roots_.push_back( { path, &entity->type(), !closed } );
+      const auto found = std::ranges::find( closed, path, &Closed::path );
+      const bool named = found != closed.end();
+      roots_.push_back( { path, &entity->type(), !named && !entityManager.agentWrites( path ),
+            named ? found->because : writtenByHost } );
    }
 }
 
@@ -60,6 +61,7 @@ Refusal Schema::resolve( const std::string & path, SchemaPlace & place ) const {
    SchemaPlace at{ root->path };
    at.type = root->type;
    at.outsideWrites = root->outsideWrites;
+   at.closedBecause = root->outsideWrites ? std::string{} : root->closedBecause;
    std::size_t next = root->path.size();
    while ( next < path.size() ) {
       const auto end = std::min( path.find( '/', next + 1 ), path.size() );

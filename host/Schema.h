@@ -22,6 +22,7 @@ struct SchemaPlace {
    const platform::AttributeInfo * attribute = nullptr;
    std::optional<std::string> member = std::nullopt;
    bool outsideWrites = false;
+   std::string closedBecause{}; // when it is not written from outside: why
 
    std::string entityPath() const;
    std::string path() const; // in its normal form
@@ -34,11 +35,18 @@ class Schema {
    struct Root {
       std::string path;
       const platform::EntityType * type;
-      bool outsideWrites; // configuration: written by documents and by hmctl
+      bool outsideWrites;          // configuration: written by documents and by hmctl
+      std::string closedBecause{}; // otherwise: why, behind the path
    };
+   /// A root that is not configuration although the agent does not write it.
+   struct Closed {
+      std::string path;
+      std::string because = writtenByHost;
+   };
+   static constexpr const char * writtenByHost = "is written by the host and its agent only";
    explicit Schema( std::vector<Root> roots ) : roots_( std::move( roots ) ) {}
    /// All roots of `entityManager`; those that the agent writes, and those named, are read-only from outside.
-   Schema( const platform::EntityManager & entityManager, const std::vector<std::string> & readOnly );
+   Schema( const platform::EntityManager & entityManager, const std::vector<Closed> & closed );
 
    const std::vector<Root> & roots() const { return roots_; }
    [[nodiscard]] platform::Refusal resolve( const std::string & path, SchemaPlace & place ) const;

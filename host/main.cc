@@ -36,6 +36,8 @@ int main( int argc, char ** argv ) {
    options.socketPath = "/run/health-monitor/hm.sock";
    options.version = HM_VERSION;
    std::string stateDb = "memory:";
+   std::string interfaces = "config";
+   std::string packetFilter = "off";
    std::string traceSpec;
    bool traceStderr = false;
 
@@ -56,6 +58,16 @@ int main( int argc, char ** argv ) {
             "redis+unix:PATH[?db=DB]" )
          ->type_name( "URL" )
          ->capture_default_str();
+   app.add_option( "--interfaces", interfaces,
+            "Where interface status and bridge MAC address come from: config or kernel" )
+         ->check( CLI::IsMember( { "config", "kernel" } ) )
+         ->type_name( "SOURCE" )
+         ->capture_default_str();
+   app.add_option( "--packet-filter", packetFilter,
+            "auto: keep packet-filter rules for probes and pings; off: they are somebody else's" )
+         ->type_name( "MODE" )
+         ->check( CLI::IsMember( { "auto", "off" } ) )
+         ->capture_default_str();
    app.add_option( "--trace", traceSpec, "Trace levels, for instance HealthMonitor=0-4,NetCHASM=5" )
          ->type_name( "SPEC" );
    app.add_flag( "--trace-stderr", traceStderr, "Trace lines also to standard error" );
@@ -68,6 +80,8 @@ int main( int argc, char ** argv ) {
       fmt::print( stderr, "hm-host: --state-db {}\n", *refusal );
       return wrongUsage;
    }
+   options.interfacesFromKernel = interfaces == "kernel";
+   options.packetFilter = packetFilter == "auto";
    if ( const char * password = std::getenv( "HM_REDIS_PASSWORD" ) ) {
       options.stateDb.password =
             password; // not among the arguments, which every user of the machine can read

@@ -35,13 +35,13 @@ IpGenAddr IpGenAddr::fromBytes( std::span<const std::uint8_t> bytes ) {
    return address;
 }
 
-std::string IpGenAddr::text() const {
-   if ( empty() ) {
-      return {};
+IpGenAddr::Text IpGenAddr::stringValue() const {
+   Text text;
+   static_assert( sizeof text.bytes >= INET6_ADDRSTRLEN );
+   if ( !empty() ) {
+      inet_ntop( isIpv4() ? AF_INET : AF_INET6, bytes_.data(), text.bytes.data(), text.bytes.size() );
    }
-   char buffer[INET6_ADDRSTRLEN];
-   inet_ntop( isIpv4() ? AF_INET : AF_INET6, bytes_.data(), buffer, sizeof buffer );
-   return buffer;
+   return text;
 }
 
 std::size_t IpGenAddr::hash() const {

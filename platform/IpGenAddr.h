@@ -35,7 +35,18 @@ class IpGenAddr {
       return { bytes_.data(), isIpv4() ? 4u : isIpv6() ? 16u : 0u };
    }
    /// Dotted decimal, RFC 5952 for IPv6, empty text for no address.
-   std::string text() const;
+   std::string text() const { return stringValue().charPtr(); }
+   /// The same text in place: packet paths allocate nothing.
+   struct Text {
+      std::array<char, 46> bytes{};
+      const char * charPtr() const { return bytes.data(); }
+   };
+   Text stringValue() const;
+
+   /// No address at all, 0.0.0.0 or ::.
+   bool unspecified() const { return bytes_ == decltype( bytes_ ){}; }
+   /// fe80::/10 (RFC 4291, section 2.5.6).
+   bool ipv6LinkLocal() const { return isIpv6() && bytes_[0] == 0xfe && ( bytes_[1] & 0xc0 ) == 0x80; }
 
    auto operator<=>( const IpGenAddr & ) const = default;
    std::size_t hash() const;

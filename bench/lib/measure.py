@@ -21,6 +21,12 @@ def memory_kib(pid, field="VmHWM"):
         return int(re.search(rf"^{field}:\s+(\d+) kB", f.read(), re.M).group(1))
 
 
+def peak_reset(pid):
+    """From now on VmHWM is the peak since now (proc(5), clear_refs)."""
+    with open(f"/proc/{pid}/clear_refs", "w") as f:
+        f.write("5")
+
+
 def median(values):
     ordered = sorted(values)
     middle = len(ordered) // 2

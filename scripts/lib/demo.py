@@ -1,291 +1,186 @@
-"""The demo behind scripts/demo: real servers, a running host, and a check of every published state."""
+"""The demo behind scripts/demo: the main job whole, between network namespaces. A virtual address with servers behind
+it, probes that find each of them through a tunnel, pings that nobody's interface answers; every published state is
+checked. What it starts and makes lives in namespaces of this process alone and goes with it."""
 
 import json
 import os
+import re
 import shutil
-import signal
-import subprocess
 import sys
 import time
 
+from demo_plain import SETTLE_SECONDS, DemoFailed, say
+
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-BIN = os.path.join(ROOT, "build", "bin")
-WORK = "/run/hm-demo"  # named in examples/demo.yaml
-SOCKET = f"{WORK}/hm.sock"
-STATUS = "healthMonitor/status/serverStatus"
-SETTLE_SECONDS = 20  # bound for one step; each takes a few probe intervals
+sys.path.append(os.path.join(ROOT, "tests", "lab"))
+import topology  # noqa: E402
+from topology import FAMILIES, PROBE_CONFIG, STATUS, server, source, vip  # noqa: E402
 
-# group -> kind and addresses, as examples/demo.yaml has them
-GROUPS = {
-    "web": ("http", ["127.1.1.1", "127.1.1.2", "127.1.1.3"]),
-    "secure": ("https", ["127.1.2.1", "127.1.2.2"]),
-    "db": ("tcp", ["127.1.3.1", "127.1.3.2"]),
-    "mixed": ("http+tcp", ["127.1.4.1"]),
-}
-UP, DOWN, SHUT = ("enabled", "up"), ("enabled", "down"), ("shutdown", "up")
-
-
-class DemoFailed(Exception):
-    pass
-
-
-def say(text):
-    print(text, flush=True)
-
-
-class Certificates:
-    """A CA of its own, a certificate for each HTTPS server's address, and one for the prober."""
-
-    def __init__(self):
-        self.openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=Demo CA",
-                     "-keyout", f"{WORK}/ca.key", "-out", f"{WORK}/ca.pem")
-        self.issue("client", "/CN=prober", None)
-        with open(f"{WORK}/client.pem", "a") as pem, open(f"{WORK}/client.key") as key:
-            pem.write(key.read())  # the profile names one file with both
-        for address in GROUPS["secure"][1]:
-            self.issue(address, f"/CN={address}", f"subjectAltName=IP:{address}")
-
-    def issue(self, name, subject, extension):
-        request = ["req", "-newkey", "rsa:2048", "-nodes", "-subj", subject, "-keyout", f"{WORK}/{name}.key",
-                   "-out", f"{WORK}/{name}.csr"]
-        self.openssl(*request)
-        sign = ["x509", "-req", "-in", f"{WORK}/{name}.csr", "-CA", f"{WORK}/ca.pem", "-CAkey", f"{WORK}/ca.key",
-                "-CAcreateserial", "-days", "2", "-out", f"{WORK}/{name}.pem"]
-        if extension:
-            with open(f"{WORK}/{name}.ext", "w") as file:
-                file.write(extension + "\n")
-            sign += ["-extfile", f"{WORK}/{name}.ext"]
-        self.openssl(*sign)
-
-    @staticmethod
-    def openssl(*arguments):
-        subprocess.run(["openssl", *arguments], check=True, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-
-
-class Server:
-    """One nginx for one address, so that it can be stopped alone."""
-
-    def __init__(self, address, kind):
-        self.address = address
-        self.home = f"{WORK}/{address}"
-        os.makedirs(f"{self.home}/www")
-        self.body("ok\n")
-        plain, tls = f"listen {address}:8080;", f"listen {address}:8443 ssl;"
-        listen = {"http": plain, "https": tls, "tcp": f"listen {address}:5432;",
-                  "http+tcp": f"{plain} listen {address}:5432;"}[kind]
-        certificate = "" if kind != "https" else (
-            f"ssl_certificate {WORK}/{address}.pem; ssl_certificate_key {WORK}/{address}.key;"
-            f"ssl_client_certificate {WORK}/ca.pem; ssl_verify_client on;")
-        temporary = " ".join(f"{name}_temp_path {self.home}/{name};"
-                             for name in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
-        with open(f"{self.home}/nginx.conf", "w") as file:
-            file.write(f"""
-daemon off; master_process off; pid {self.home}/nginx.pid; error_log {self.home}/error.log;
-events {{ worker_connections 256; }}
-http {{
-   access_log off; {temporary}
-   server {{
-      {listen} {certificate}
-      root {self.home}/www;
-      location = /health {{
-         if ( -f {self.home}/overloaded ) {{ return 503; }}
-         try_files /body =404;
-      }}
-   }}
-}}
-""")
-        self.process = None
-
-    def body(self, text):
-        with open(f"{self.home}/www/body.new", "w") as file:
-            file.write(text)
-        os.rename(f"{self.home}/www/body.new", f"{self.home}/www/body")
-
-    def overloaded(self, yes):
-        path = f"{self.home}/overloaded"
-        if yes:
-            open(path, "w").close()
-        else:
-            os.remove(path)
-
-    def start(self):
-        self.process = subprocess.Popen(["nginx", "-p", self.home, "-c", f"{self.home}/nginx.conf",
-                                         "-e", f"{self.home}/error.log"])
-
-    def stop(self):
-        stop(self.process)
-        self.process = None
-
-
-def stop(process):
-    """Ends a process that we started; returns its exit status."""
-    if process is None:
-        return 0
-    if process.poll() is None:
-        process.send_signal(signal.SIGTERM)
-        try:
-            process.wait(20)
-        except subprocess.TimeoutExpired:
-            process.kill()
-            process.wait()
-    return process.returncode
-
-
-def hmctl(*arguments, **options):
-    return subprocess.run([f"{BIN}/hmctl", "-s", SOCKET, *arguments], text=True, capture_output=True, timeout=30,
-                          **options)
+WORK = "/tmp/hm-demo"
+PICTURE = """
+      client 10.2.0.1        switch: hm-host; probes come from 10.255.0.1 and fd00:255::1 (interface tunnel0)
+          |                  s1, s2, s3: nginx, which says who it is; each owns 10.100.0.1 and fd00:100::1 itself,
+        switch               unwraps VXLAN and answers directly
+       /  |  \\
+     s1   s2   s3            Traffic to the virtual addresses is routed to s1, so a probe that is not wrapped would
+                             always be answered by s1.
+"""
 
 
 class Demo:
     def __init__(self):
-        self.host = None
-        self.servers = {}
-        self.shown = None
         self.begin = time.monotonic()
+        self.shown = None
+        self.lab = None
 
-    def published(self):
-        """{ (group, server): (admin state, oper state) } as other agents see it."""
-        answer = hmctl("get", "--json", STATUS)
-        if answer.returncode != 0:
-            raise DemoFailed(f"hmctl get: {answer.stderr.strip()}")
-        groups = json.loads(answer.stdout)[STATUS]["nhgProbeStatus"]
-        return {(group, server): (status["adminState"], status["operState"])
-                for group, entry in groups.items() for server, status in entry["serverProbeStatus"].items()}
+    def start(self, outside):
+        say(PICTURE)
+        shutil.rmtree(WORK, ignore_errors=True)
+        os.makedirs(WORK)
+        self.lab = topology.Lab(servers=3, home=WORK)
+        for number in self.lab.numbers:
+            self.lab.server_start(number)
+        say("starting hm-host --packet-filter auto on the switch ...")
+        self.lab.host_start()
+        self.lab.apply(self.lab.groups(timeout=2, retryCount=1))
+        self.outside = outside
+
+    def step(self, what):
+        say(f"\n== {what}")
+
+    def right(self, holds, what):
+        if not holds:
+            raise DemoFailed(what)
 
     def show(self, states):
         if states == self.shown:
             return
         before, self.shown = self.shown or {}, states
-        say(f"\n  {time.monotonic() - self.begin:5.1f} s  group    server       kind      admin     oper")
-        for (group, server), (admin, oper) in sorted(states.items()):
-            mark = "*" if before.get((group, server)) != (admin, oper) else " "
-            say(f"        {mark}  {group:8} {server:12} {GROUPS[group][0]:9} {admin:9} {oper}")
+        say(f"\n  {time.monotonic() - self.begin:5.1f} s  group  virtual address  server        admin     oper")
+        for (group, address), (admin, oper) in sorted(states.items()):
+            mark = "*" if before.get((group, address)) != (admin, oper) else " "
+            virtual = vip(1, 4 if group == "web4" else 6)
+            say(f"        {mark}  {group}   {virtual:15}  {address:12}  {admin:9} {oper}")
         if not states:
             say("           (nothing is published)")
 
-    def expect(self, what, changes=None):
-        """Waits until exactly the named servers differ from enabled and up; nobody else may change meanwhile."""
-        say(f"\n== {what}")
-        wanted = {(group, server): UP for group, (_, servers) in GROUPS.items() for server in servers}
-        wanted.update(changes or {})
-        steady = {key: state for key, state in (self.shown or {}).items() if wanted[key] == state}
+    def expect(self, wanted):
+        """Waits for exactly these states; whoever is in its state already may not leave it."""
+        steady = {key: state for key, state in (self.shown or {}).items() if wanted.get(key) == state}
         deadline = time.monotonic() + SETTLE_SECONDS
         while True:
-            states = self.published()
+            states = self.lab.published()
             self.show(states)
             moved = [key for key, state in steady.items() if states.get(key) != state]
-            if moved:
-                raise DemoFailed(f"{what}: {moved} changed though nothing happened to them")
+            self.right(not moved, f"{moved} changed though nothing happened to them")
             if states == wanted:
                 say("   as it should be")
                 return
-            if time.monotonic() > deadline:
-                wrong = {key: states.get(key) for key in wanted if states.get(key) != wanted[key]}
-                raise DemoFailed(f"{what}: not so after {SETTLE_SECONDS} s: {wrong}")
-            if self.host.poll() is not None:
-                raise DemoFailed(f"hm-host ended with status {self.host.returncode}")
+            self.right(time.monotonic() < deadline, f"not so after {SETTLE_SECONDS} s")
+            self.right(self.lab.host.poll() is None, f"hm-host ended with status {self.lab.host.returncode}")
             time.sleep(0.2)
-
-    def start(self):
-        shutil.rmtree(WORK, ignore_errors=True)
-        os.makedirs(WORK, mode=0o755)
-        say("making a CA and certificates ...")
-        Certificates()
-        say("starting nginx servers ...")
-        for kind, addresses in GROUPS.values():
-            for address in addresses:
-                self.servers[address] = Server(address, kind)
-                self.servers[address].start()
-        say("starting hm-host with examples/demo.yaml ...")
-        self.host = subprocess.Popen([f"{BIN}/hm-host", "--config", f"{ROOT}/examples/demo.yaml",
-                                      "--socket", SOCKET], env={**os.environ, "FLASHLOGDIR": WORK})
-        deadline = time.monotonic() + SETTLE_SECONDS
-        while hmctl("get", STATUS).returncode != 0:
-            if self.host.poll() is not None or time.monotonic() > deadline:
-                raise DemoFailed("hm-host does not answer")
-            time.sleep(0.1)
 
     def run(self):
-        self.expect("every server answers: all are up")
+        self.step("every server answers: all are up")
+        self.expect(self.lab.states())
 
-        stopped = {("web", "127.1.1.3"): DOWN, ("secure", "127.1.2.2"): DOWN, ("db", "127.1.3.2"): DOWN}
-        for _, address in stopped:
-            self.servers[address].stop()
-        self.expect("one server of each kind is stopped: those three go down", stopped)
+        self.step("all were asked at the same address, and each answered for itself")
+        for family in FAMILIES:
+            for number in self.lab.numbers:
+                check = json.loads(self.lab.told("probe", f"web{family}", server(number, family), "--json"))
+                check = check["hmProbe"]["http"]
+                body = check.get("bodyBegin", "").strip()
+                say(f"   {check['url']:22} for {server(number, family):12} mark {check['mark']}: \"{body}\"")
+                self.right(body == f"s{number}", f"{server(number, family)} should have said s{number}, not \"{body}\"")
 
-        for _, address in stopped:
-            self.servers[address].start()
-        self.expect("they are started again: they come back")
+        self.step("what a check is on the wire to s2: the probe inside, the server's mark as VNI")
+        lines = self.lab.inside("switch", "timeout", "20", "tcpdump", "-n", "-t", "-c", "6", "-i", "to-s2", "-Q", "out",
+                                "udp", "port", "4789").splitlines()
+        say("\n".join(f"   {line}" for line in lines))
+        for family in FAMILIES:
+            wrapped = rf"{source(0, family)}\.(\d+) > {server(2, family)}\.4789: VXLAN.* vni \d+"
+            self.right(any(re.search(wrapped, line) for line in lines), f"no wrapped probe to {server(2, family)} seen")
 
-        self.servers["127.1.1.2"].overloaded(True)
-        self.servers["127.1.2.1"].body("draining\n")
-        self.expect("one answers 503 (code rule, action 0), another says \"draining\" (payload rule, action 1)",
-                    {("web", "127.1.1.2"): DOWN, ("secure", "127.1.2.1"): SHUT})
+        self.step("s2 is stopped: it goes down, for both addresses, and nobody else does")
+        self.lab.server_stop(2)
+        self.expect(self.lab.states(down=[2]))
 
-        self.servers["127.1.1.2"].overloaded(False)
-        self.servers["127.1.2.1"].body("ok\n")
-        self.expect("both answer as before: everything is back")
+        self.step("s2 is started again: it comes back")
+        self.lab.server_start(2)
+        self.expect(self.lab.states())
+
+        self.step("the client pings the virtual addresses, which no interface of the switch owns")
+        for family in FAMILIES:
+            self.ping(vip(1, family), answered=True)
+        self.step("one is told to be silent (pingDisabledVip), and no more")
+        self.lab.told("apply", "-", input=json.dumps({f"{PROBE_CONFIG}/pingDisabledVip": [vip(1, 4)]}))
+        self.ping(vip(1, 4), answered=False)
+        self.ping(vip(1, 6), answered=True)
+        self.lab.told("apply", "-", input=json.dumps({f"{PROBE_CONFIG}/pingDisabledVip": []}))
+        self.ping(vip(1, 4), answered=True)
+
+        self.step("what the agent has done with its packets")
+        for line in self.lab.told("show", "health-monitor", "packets").splitlines():
+            if not line.endswith(" 0"):
+                say(f"   {line}")
+        self.expect(self.lab.states())
+
+    def ping(self, address, answered):
+        received = self.lab.ping(address, 3)
+        say(f"   ping {address:12} 3 sent, {received} answered")
+        self.right(received == (3 if answered else 0), f"ping {address} should be answered: {answered}")
 
     def keep(self):
-        say(f"\nhm-host stays up until you interrupt this. Try, in another terminal:\n"
-            f"   {BIN}/hmctl -s {SOCKET} get {STATUS}\n"
-            f"   {BIN}/hmctl -s {SOCKET} watch\n"
-            f"   kill $( cat {WORK}/127.1.1.1/nginx.pid )")
-        try:
-            while self.host.poll() is None:
-                self.show(self.published())
-                time.sleep(0.5)
-            raise DemoFailed(f"hm-host ended with status {self.host.returncode}")
-        except KeyboardInterrupt:
-            say("")
+        inside = f"nsenter -m -t {self.outside}"
+        hmctl = f"{inside} {self.lab.binaries}/hmctl -s {self.lab.socket}"
+        say(f"\neverything stays up until you interrupt this. Try, in another terminal:\n"
+            f"   {hmctl} status\n"
+            f"   {hmctl} watch {STATUS}\n"
+            f"   {inside} ip netns exec client ping {vip(1, 4)}\n"
+            f"   {inside} ip netns exec switch tcpdump -ni to-s2 udp port 4789\n"
+            f"   {inside} ip -n s2 link set vxlan0 down     # and up again")
+        while self.lab.host.poll() is None:
+            self.show(self.lab.published())
+            time.sleep(0.5)
+        raise DemoFailed(f"hm-host ended with status {self.lab.host.returncode}")
 
     def finish(self):
-        say("\n== the configuration is removed: nothing is published, and the agent is clean")
-        empty = "{healthMonitor/config/probeConfig: {}, healthMonitor/config/serverConfig: {}}"
-        answer = hmctl("apply", "-", input=empty)
-        if answer.returncode != 0:
-            raise DemoFailed(f"hmctl apply: {answer.stderr.strip()}")
-        deadline = time.monotonic() + SETTLE_SECONDS
-        while True:
-            states, clean = self.published(), hmctl("clean-state")
-            self.show(states)
-            if not states and clean.returncode == 0:
-                say(f"   as it should be: {clean.stdout.strip()}")
-                break
-            if time.monotonic() > deadline:
-                raise DemoFailed(f"not clean after {SETTLE_SECONDS} s: {states or clean.stderr.strip()}")
-            time.sleep(0.2)
-        status = stop(self.host)
-        if status != 0:
-            raise DemoFailed(f"hm-host ended with status {status}")
-        say("\nhm-host has stopped with status 0")
-
-    def clean_up(self):
-        stop(self.host)
-        for server in self.servers.values():
-            server.stop()
+        self.step("the configuration is removed: nothing is published, the agent is clean, no rule is left")
+        self.lab.told("apply", "-", input=json.dumps({PROBE_CONFIG: {}, topology.SERVER_CONFIG: {}}))
+        self.expect({})
+        self.lab.eventually(lambda: self.lab.hmctl("clean-state").returncode == 0, "the agent is clean", SETTLE_SECONDS)
+        status = self.lab.host_stop()
+        self.right(status == 0, f"hm-host ended with status {status}")
+        rules = "".join(self.lab.inside("switch", *command.split())
+                        for command in ("nft list ruleset", "iptables-nft -t mangle -S", "ip6tables-nft -t mangle -S"))
+        self.right("health-monitor" not in rules.lower(), f"rules were left behind: {rules}")
+        say("   hm-host has stopped with status 0")
 
 
 def main():
+    outside = os.getpid()
+    topology.isolate()
     demo = Demo()
-    signal.signal(signal.SIGTERM, lambda *_: (_ for _ in ()).throw(KeyboardInterrupt))
     try:
-        demo.start()
+        demo.start(outside)
         demo.run()
         if "--keep" in sys.argv:
             demo.keep()
         demo.finish()
         say(f"\nThe demo is through after {time.monotonic() - demo.begin:.0f} s: every published state was right.")
-        shutil.rmtree(WORK, ignore_errors=True)
         return 0
-    except DemoFailed as failure:
-        say(f"\nFAILED: {failure}\n(what was left behind for a look: {WORK})")
+    except (DemoFailed, AssertionError, RuntimeError) as failure:
+        say(f"\nFAILED: {failure}")
+        if demo.lab and demo.lab.log:
+            say(f"(hm-host said: {demo.lab.host_log().strip() or 'nothing'})")
         return 1
     except KeyboardInterrupt:
         say("\ninterrupted")
         return 130
     finally:
-        demo.clean_up()
+        if demo.lab:
+            demo.lab.close()
+        shutil.rmtree(WORK, ignore_errors=True)
 
 
 if __name__ == "__main__":

@@ -5,12 +5,12 @@ dependencies_build=(
    g++ cmake ninja-build ccache pkg-config git ca-certificates
    libevent-dev libfmt-dev libspdlog-dev libyaml-cpp-dev nlohmann-json3-dev libcli11-dev
    libcurl4-openssl-dev libssl-dev libhttp-parser-dev libconcurrentqueue-dev libedit-dev
-   libsqlite3-dev libhiredis-dev
+   libnetfilter-queue-dev libmnl-dev libsqlite3-dev libhiredis-dev
    libgtest-dev libgmock-dev libbenchmark-dev
 )
-dependencies_demo=( nginx-light openssl python3 procps iproute2 )
-dependencies_test=( clang-format clang libclang-rt-dev llvm redis-server "${dependencies_demo[@]}" )
-dependencies_bench=( haproxy redis-server "${dependencies_demo[@]}" )
+dependencies_demo=( nginx-light openssl python3 procps iproute2 iputils-ping nftables iptables tcpdump )
+dependencies_test=( clang-format clang libclang-rt-dev llvm tshark redis-server "${dependencies_demo[@]}" )
+dependencies_bench=( haproxy iptables redis-server "${dependencies_demo[@]}" )
 
 dependencies_install() {
    local list name missing=()

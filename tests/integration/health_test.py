@@ -12,6 +12,10 @@ import unittest
 
 from servers import OK, Server, http
 
+sys.path.append(os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../scripts/lib"))
+import own_network  # noqa: E402
+
+own_network.enter()
 BIN = sys.argv.pop(1)
 STATUS = "healthMonitor/status/serverStatus"
 PROBE_CONFIG = "healthMonitor/config/probeConfig"

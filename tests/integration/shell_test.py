@@ -88,7 +88,7 @@ class ShellTest(ShellCase):
         shell.enter("sh health-mon sum | json")
         answer = shell.expect(PROMPT)
         self.assertIs(json.loads(answer[answer.index("{"):answer.rindex("}") + 1])["monitoring"], False)
-        shell.send("show health-monitor p\td\t?")
+        shell.send("show health-monitor pr\td\t?")
         shell.expect("interval.*show health-monitor probe delay $")
         shell.enter("int 5 | match ^[^P]")
         shell.expect(PROMPT)
@@ -247,14 +247,9 @@ class HostCommandsTest(ShellCase):
     def test_commands_of_the_host_are_expanded_and_passed_on(self):
         self.standIn.answer = ["a\x1b[2J\n"]
         self.assertEqual(self.single("sh", "health-mon", "sum").stdout, "a\x1b[2J\n")
-        self.single("show", "health-monitor", "status", "detail", "--json")
-        self.single("sh", "h", "pr", "d", "int", "15")
-        self.single("status", "web")
-        self.single("probe", "web", "10.1.1.1", "--json")
-        self.assertEqual(self.run_texts(), [
-            ("show health-monitor summary", "text"), ("show health-monitor status detail", "json"),
-            ("show health-monitor probe delay interval 15", "text"), ("status web", "text"),
-            ("probe web 10.1.1.1", "json")])
+        self.single("sh", "h", "pr", "d", "int", "15", "--json")
+        self.assertEqual(self.run_texts(), [("show health-monitor summary", "text"),
+                                            ("show health-monitor probe delay interval 15", "json")])
         for words, message in ((["sh", "h", "s"], "ambiguous; there are:\n  show health-monitor status detail"),
                                (["show", "x"], "is no command; there are:\n  show health-monitor"),
                                (["show"], "is not complete; there are:\n  show health-monitor")):
@@ -262,7 +257,7 @@ class HostCommandsTest(ShellCase):
             self.assertEqual((answer.returncode, message in answer.stderr), (1, True), answer.stderr)
         self.assertEqual(self.single("sh", "h", "sum", "more").returncode, 2)
 
-    def test_a_terminal_shows_no_control_bytes_and_redraws_a_status(self):
+    def test_a_terminal_shows_no_control_bytes(self):
         self.standIn.answer = ["web \x1b[2J\x9b1m up\n"]
         shell = self.shell(self.path)
         shell.expect(PROMPT)
@@ -271,12 +266,6 @@ class HostCommandsTest(ShellCase):
         shell.enter("| json")
         self.assertIn(r"web \x1b[2J\x9b1m up", shell.expect(PROMPT))
         self.assertEqual(self.run_texts(), [("show health-monitor summary", "json")])
-        shell.enter("status --watch")
-        shell.expect(r"up[^$]*up")
-        self.standIn.answer = ["web down\n"]
-        shell.expect("web down")
-        shell.send("\x03")
-        shell.expect(PROMPT)
 
     def test_a_silent_host_and_a_long_answer(self):
         shell = self.shell(self.path)

@@ -179,6 +179,27 @@ TEST_F( AgentTest, CreatingWithTheSameArgumentsKeepsAndWithOthersReplaces ) {
    EXPECT_EQ( replaced->task()->taskWorkCount(), before + 1 );
    agent_->probeStatusSmDel();
    EXPECT_FALSE( agent_->probeStatusSm() );
+
+   // Netfilter queue 0 can be had once: who still holds the old reactor does not keep it from the new one.
+   const Ptr<const Bridging::Config> bridging = at<Bridging::Config>( "bridging/config" );
+   const Ptr<const HmState::ServerStatus> published = status_;
+   const auto queue = agent_->nfQueueSm();
+   EXPECT_EQ( agent_->nfQueueSmIs( bridging, config, published, data ), queue );
+   EXPECT_NE( agent_->nfQueueSmIs( bridging, config, published, other ), queue );
+   EXPECT_FALSE( queue->initialized() );
+   EXPECT_TRUE( agent_->nfQueueSm()->initialized() );
+}
+
+TEST_F( AgentTest, ProbesComeFromTheTunnelSourceInterface ) {
+   at<Ip::Status>( "ip/status" )->ipIntfStatusIs( IntfId( "Loopback0" ) )->ipAddrIs( ip( "10.0.0.1" ) );
+   probeConfig_->localTunnelIntfIs( IntfId( "Loopback0" ) );
+   start();
+   configureWeb();
+   settle();
+   EXPECT_EQ( status_->probeSrcIp(), ip( "10.0.0.1" ) );
+   const auto hostConfig =
+         contentOf( agent_->configSm()->netChasmInfoSm()->getNetChasmConfig()->hostConfigPath() );
+   EXPECT_THAT( hostConfig, HasSubstr( "10.0.0.1" ) );
 }
 
 TEST_F( AgentTest, ReportsTheFirstLeftOver ) {

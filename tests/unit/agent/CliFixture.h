@@ -105,9 +105,23 @@ class CliFixture : public testing::Test {
       }
       return all;
    }
+   /// As short as can be: from now on a slice is over as soon as it asks.
+   void slicesAreShort() {
+      auto context = agent_->context();
+      context.clock = &slowClock_;
+      agent_->contextIs( context );
+   }
    Json showJson( const std::string & command ) { return Json::parse( show( command, CliFormat::json ) ); }
 
+   struct SlowClock : ManualClock {
+      TimePoint now() const override {
+         const_cast<SlowClock *>( this )->advance( Seconds{ 1 } );
+         return ManualClock::now();
+      }
+   };
+
    ManualClock clock_;
+   SlowClock slowClock_;
    const Ptr<EventLoop> loop_ = new EventLoop( clock_ );
    const Ptr<TaskScheduler> scheduler_ = new TaskScheduler( loop_, clock_ );
    const Ptr<EntityManager> entities_ = new EntityManager;

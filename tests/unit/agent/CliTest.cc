@@ -189,16 +189,7 @@ TEST_F( CliTest, ALargeGroupIsPrintedInSlicesToo ) {
    group( "next", "http://h/", "", { "10.2.1.1" } );
    const auto whole = showJson( counters );
    EXPECT_EQ( whole["hmCounters"]["large"]["servers"].size(), 1000u );
-   // As slow as can be: a slice is over as soon as it asks.
-   struct SlowClock : ManualClock {
-      TimePoint now() const override {
-         const_cast<SlowClock *>( this )->advance( Seconds{ 1 } );
-         return ManualClock::now();
-      }
-   } slow;
-   auto context = agent_->context();
-   context.clock = &slow;
-   agent_->contextIs( context );
+   slicesAreShort();
    EXPECT_EQ( showJson( counters ), whole );
    EXPECT_GT( slices_, 300 );
    // The group goes, and comes again, while it is half printed.
@@ -250,36 +241,6 @@ TEST_F( CliTest, AReaderThatGoesAwayEndsARequest ) {
    EXPECT_TRUE( shown->interrupted() );
    EXPECT_TRUE( run( summary )->interrupted() );
    EXPECT_TRUE( run( "show health-monitor probe delay" )->interrupted() );
-}
-
-TEST_F( CliTest, ASlowReaderMakesARequestWait ) {
-   manyGroups( 2000 );
-   const auto whole = show( statusDetail, CliFormat::json );
-   const auto shown = run( statusDetail, CliFormat::json );
-   std::string all;
-   std::size_t mostPending = 0;
-   while ( !shown->finished() ) {
-      shown->step();
-      mostPending = std::max( mostPending, shown->pending() );
-      all += reader_.read( 10'000 );
-   }
-   for ( auto more = reader_.read(); !more.empty(); more = reader_.read() ) {
-      all += more;
-   }
-   EXPECT_EQ( all, whole );
-   EXPECT_GT( whole.size(), 400'000u );
-   EXPECT_LT( mostPending, AsyncCommandRequestSm::pendingHighWater + 1'000 );
-}
-
-TEST_F( CliTest, ARequestEndsWithItsAgent ) {
-   manyGroups( 100 );
-   environment_["TEST_YIELD"] = "2";
-   const auto shown = run( counters );
-   shown->step();
-   agent_->cliCallbackF()->parentIs( nullptr );
-   shown->step();
-   EXPECT_TRUE( shown->finished() );
-   EXPECT_TRUE( shown->interrupted() );
 }
 
 TEST( CliDeathTest, ASliceBeforeTheStartIsDeferredAndOneAfterTheEndStopsTheProcess ) {
@@ -341,20 +302,13 @@ TEST_F( CliTest, CallbacksStandInTheDirectoryAndAreMadeAnewOnlyForOtherArguments
    for ( const auto & info : agent_->commandRequestDirectory()->commands() ) {
       known.push_back( info.command );
    }
-   EXPECT_THAT(
-         known, testing::ElementsAre( "clear health-monitor probe delay", "probe", counters,
-                      "show health-monitor probe delay", statusDetail, summary, timestamps, "status" ) );
+   EXPECT_THAT( known, testing::ElementsAre( "clear health-monitor probe delay", "probe", counters,
+                             "show health-monitor packets", "show health-monitor probe delay", statusDetail,
+                             summary, timestamps, "status" ) );
    EXPECT_FALSE( run( "show health-monitor status" ) );
    const auto callback = agent_->cliCallback();
    EXPECT_EQ( agent_->cliCallbackIs( "HealthMonitorCli", "HmCli", agent_.get() ), callback );
    EXPECT_NE( agent_->cliCallbackIs( "HealthMonitorCli", "Other", agent_.get() ), callback );
    EXPECT_EQ( callback->parent(), nullptr );
    EXPECT_NE( agent_->cliCallbackF()->parent(), nullptr );
-   const auto directory = agent_->commandRequestDirectory();
-   const auto callbackF = agent_->cliCallbackF();
-   EXPECT_EQ( callbackF->createAgentAsyncCommandRequestSm(
-                    new AgentCommandRequest( "name", summary, reader_.socket(), 0 ) ),
-         nullptr );
-   callbackF->handleCommand( reader_.socket(), "show something else", 0 );
-   EXPECT_TRUE( reader_.read().empty() );
 }

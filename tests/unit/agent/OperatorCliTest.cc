@@ -28,6 +28,7 @@ class OperatorCliTest : public CliFixture {
 
 TEST_F( OperatorCliTest, StatusSaysWhatIsPublishedAndWhy ) {
    group( "database-replicas", "", "tcp://10.2.0.10:5432", { "10.2.0.1" } );
+   group( "größe 中 'x'", "http://h/", "", { "10.3.0.1" } );
    group( "web", "https://192.0.2.10/health", "tcp://192.0.2.10:443", { "10.1.1.1", "10.1.1.20" } );
    probeConfig_->nhgProbeConfig( "web" )->vipIs( ip( "192.0.2.10" ) );
    result( "http/web/10.1.1.1", true, 10 );
@@ -37,11 +38,14 @@ TEST_F( OperatorCliTest, StatusSaysWhatIsPublishedAndWhy ) {
 Nexthop Group     VIP        Server          State    HTTP     TCP      Since               Last Check                   Response
 -------------     ---        --------------- -------- -------- -------- ------------------- ---------------------------- --------
 database-replicas            10.2.0.1        down     -        down     -                   -                            -
+größe 中 'x'                 10.3.0.1        down     down     -        -                   -                            -
 web               192.0.2.10 10.1.1.1        down     up       down     YYYY-MM-DD HH:MM:SS connection refused           12 ms
 web               192.0.2.10 10.1.1.20       down     down     down     -                   -                            -
 )" );
    EXPECT_EQ( std::ranges::count( status( "status web" ), '\n' ), 4 );
+   EXPECT_EQ( std::ranges::count( status( "status größe 中 'x'" ), '\n' ), 3 );
    EXPECT_EQ( refusal( "status nobody" ), "no nexthop group \"nobody\" is monitored" );
+   EXPECT_EQ( refusal( "status " ), "no nexthop group \"\" is monitored" );
 
    const auto document = showJson( "status" )["hmStatus"];
    EXPECT_EQ( document["database-replicas"].dump(),
@@ -66,16 +70,16 @@ TEST_F( OperatorCliTest, ALongTableIsPrintedOnceWhateverChangesMeanwhile ) {
       config->serverIpIs( ip( fmt::format( "10.1.{}.{}", i / 200, i % 200 + 1 ) ) );
       probeConfig_->nhgProbeConfigIs( fmt::format( "group{:03}", i % 3 ) )->httpUrlIs( "http://h/" );
    }
+   group( "with the longest name of all", "http://h/", "", { "2001:db8::1" } );
    settle();
    const auto whole = show( "status" );
-   EXPECT_EQ( std::ranges::count( whole, '\n' ), 302 );
-   // Every question after the first of a slice finds the time used up.
-   const auto used = [this] { clock_.advance( Seconds{ 1 } ); };
-   EXPECT_EQ( show( "status", CliFormat::text, used ), whole );
+   EXPECT_EQ( std::ranges::count( whole, '\n' ), 303 );
+   slicesAreShort();
+   EXPECT_EQ( show( "status" ), whole );
+   EXPECT_GT( slices_, 303 );
    int slice = 0;
    const auto cut = show( "status", CliFormat::json, [&] {
-      clock_.advance( Seconds{ 1 } );
-      if ( ++slice == 1 ) {
+      if ( ++slice == 150 ) {
          groupDel( "group001" );
          settle();
       }
@@ -154,4 +158,40 @@ TEST_F( OperatorCliTest, ProbeIsRefusedForWhatThereIsNot ) {
    }
    RecordingEngine::refuse( "probe" );
    EXPECT_EQ( refusal( "probe web 10.1.1.1" ), "the check engine does not know this server yet" );
+}
+
+TEST_F( OperatorCliTest, PacketsAreShownByWhatBecameOfThem ) {
+   auto & data = *agent_->hmCommonData();
+   data.nfQueueRcvCntInc( 7 );
+   data.encapDropCntInc( 3 );
+   data.packetCounters().inc( PacketCount::encapsulatedIpv6 );
+   data.packetCounters().inc( PacketCount::verdictFailed );
+   const auto text = show( "show health-monitor packets" );
+   EXPECT_TRUE( text.starts_with( "Received:                              7\n"
+                                  "Encapsulated, IPv4:                    0\n"
+                                  "Encapsulated, IPv6:                    1\n" ) )
+         << text;
+   EXPECT_THAT( text, testing::EndsWith( "Verdicts not taken:                    1\n"
+                                         "Encapsulation drops together:          3\n"
+                                         "Kernel, waiting for a verdict:         0\n"
+                                         "Kernel, dropped for a full queue:      0\n"
+                                         "Kernel, dropped for a full buffer:     0\n" ) );
+   const auto packets = showJson( "show health-monitor packets" )["hmPackets"];
+   EXPECT_EQ( packets["received"], 7 );
+   EXPECT_EQ( packets["kernelUserDropped"], 0 );
+   EXPECT_EQ( packets.size(), 1 + static_cast<std::size_t>( PacketCount::last ) + 4 );
+}
+
+TEST_F( OperatorCliTest, ChecksThatNobodyWaitsForAreCountedUntilTheyEnd ) {
+   group( "two words", "http://h/", "", { "10.1.1.1" } );
+   settle();
+   for ( int i = 0; i < 64; ++i ) {
+      run( "probe two words 10.1.1.1" )->step(); // and is dropped
+   }
+   EXPECT_EQ( refusal( "probe two words 10.1.1.1" ), "too many checks are under way" );
+   EXPECT_EQ( RecordingEngine::probes().size(), 64u ); // they end
+   const auto probe = run( "probe two words 10.1.1.1" );
+   probe->step();
+   EXPECT_FALSE( probe->finished() );
+   RecordingEngine::probes();
 }

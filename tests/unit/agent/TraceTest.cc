@@ -1,43 +1,11 @@
 // The trace as operators read and search it: level, name of the function, text.
 #include "ConfigFixture.h"
-
-#include <sstream>
+#include "TraceLines.h"
 
 namespace hm::test {
 namespace {
 
-class TraceText : public ConfigFixture {
- public:
-   struct Row {
-      int level;
-      std::string text;
-   };
-
-   /// What `scenario` traces at any level.
-   static std::vector<std::string> linesOf( const std::function<void()> & scenario ) {
-      traceFacility().levelsIs( 0x3ff );
-      traceToStderrIs( true );
-      testing::internal::CaptureStderr();
-      scenario();
-      std::istringstream captured( testing::internal::GetCapturedStderr() );
-      traceToStderrIs( false );
-      traceFacility().levelsIs( TraceFacility::defaultLevels );
-      std::vector<std::string> lines;
-      for ( std::string line; std::getline( captured, line ); ) {
-         lines.push_back( line );
-      }
-      return lines;
-   }
-   static void expectLines( const std::vector<std::string> & lines, const std::vector<Row> & rows ) {
-      for ( const auto & row : rows ) {
-         const auto written = [&row]( const std::string & line ) {
-            return line.ends_with( " " + row.text ) &&
-                   line.find( fmt::format( "HealthMonitor {} ", row.level ) ) != std::string::npos;
-         };
-         EXPECT_TRUE( std::ranges::any_of( lines, written ) ) << row.level << " " << row.text;
-      }
-   }
-};
+class TraceText : public ConfigFixture {};
 
 TEST_F( TraceText, TellsTheRoadOfAServerFromConfigurationToEngine ) {
    probeConfig->monitoringEnabledIs( true );

@@ -1,11 +1,9 @@
-#include "hmctl/Client.h"
 #include "hmctl/Commands.h"
 
 #include <gmock/gmock.h>
 
 namespace hmctl {
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 // What comes of the words, or what is said against them.
@@ -46,22 +44,6 @@ TEST( Grammar, TakesTheArgumentsOfACommandAndNoOthers ) {
    EXPECT_THAT( given( "[interval SECONDS]", { "every", "5" } ), HasSubstr( "where \"interval\" belongs" ) );
    EXPECT_THAT( given( "NHG", { "web", "more" } ), HasSubstr( "more" ) );
    EXPECT_THAT( given( "NHG", { "web", "--frob" } ), HasSubstr( "--frob" ) );
-}
-
-TEST( Grammar, SaysWhatThereIsInstead ) {
-   std::vector<std::string> words{ "s" };
-   try {
-      commandFor( ownCommands( false ), words );
-      FAIL();
-   } catch ( const Refused & error ) {
-      EXPECT_THAT( error.what(),
-            HasSubstr( "\"s\" is ambiguous; there are:\n  set PATH ATTRIBUTE VALUE  set one" ) );
-      EXPECT_THAT( error.what(), HasSubstr( "\n  status [NHG]" ) );
-      EXPECT_THAT( error.what(), ::testing::Not( HasSubstr( "watch" ) ) );
-   }
-   words = { "tr", "Host", "0-4" };
-   EXPECT_EQ( commandFor( ownCommands( true ), words ).name(), "trace" );
-   EXPECT_THAT( words, ElementsAre( "Host", "0-4" ) );
 }
 
 } // namespace hmctl

@@ -223,19 +223,6 @@ TEST_F( Programs, WatchUntilTheHostGoes ) {
    EXPECT_EQ( count, 2 );
 }
 
-TEST_F( Programs, ReadTheStartupFileAgainOnHangup ) {
-   const auto config = file( "start.yaml", interval + ": 7\n" );
-   hostStart( { "--config", config } );
-   file( "start.yaml", interval + ": soon\n" );
-   host->signal( SIGHUP );
-   ASSERT_TRUE(
-         waitUntil( [&] { return host->text( ".err" ).find( "expected a number" ) != std::string::npos; } ) );
-   EXPECT_EQ( ctl( { "get", interval } ).output, interval + ": 7\n" );
-   file( "start.yaml", interval + ": 9\n" );
-   host->signal( SIGHUP );
-   EXPECT_TRUE( waitUntil( [&] { return ctl( { "get", interval } ).output == interval + ": 9\n"; } ) );
-}
-
 TEST_F( Programs, IgnoreAHangupWhileTheyAreTornDown ) {
    const auto gate = directory + "/gate";
    setenv( "HM_TEST_GATE", gate.c_str(), 1 );
@@ -273,18 +260,6 @@ TEST_F( Programs, TakeTheStartupConfigurationFromAPipeOnce ) {
    std::string text;
    EXPECT_EQ(
          host::fileRead( pipe, host::FileKind::any, 1000, text, 1ms ), pipe + ": nothing came for 0.001 s" );
-}
-
-TEST_F( Programs, KeepOneHostASocket ) {
-   hostStart();
-   const auto second = hostRun( hostArguments() );
-   EXPECT_EQ( second.status, 1 );
-   EXPECT_EQ( second.errors, "hm-host: another host is running on the socket " + socket + "\n" );
-   EXPECT_EQ( ctl( { "get", interval } ).status, 0 );
-   host->signal( SIGKILL );
-   host->wait();
-   ASSERT_TRUE( std::filesystem::exists( socket ) );
-   hostStart(); // over the stale file
 }
 
 TEST_F( Programs, SayWhyTheyCannotStart ) {

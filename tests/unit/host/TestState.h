@@ -19,7 +19,7 @@ class StateTest : public ::testing::Test {
       platform::RefCounted::threadSafeRefCountsIs();
       manager->profileIs( healthMonitorProfile() );
       manager->entityIs( HostStatus::path, new HostStatus() );
-      schema = std::make_shared<Schema>( *manager, std::vector<std::string>{ HostStatus::path } );
+      schema = std::make_shared<Schema>( *manager, std::vector<Schema::Closed>{ { HostStatus::path } } );
    }
 
    template<class E>

@@ -148,18 +148,6 @@ TEST( CliPrinter, KeepsWhatTheReaderDoesNotTakeForThePrintersThatFollow ) {
    EXPECT_EQ( all, expected + "end\n" );
 }
 
-TEST( CliPrinter, OutlivesItsPrinterUntilTheReaderHasAllOrIsForgotten ) {
-   CliReader reader;
-   const auto print = [&] {
-      CliPrinter printer( reader.socket(), text );
-      printer.frill( "%s", std::string( 500'000, 'x' ).c_str() );
-   };
-   print();
-   EXPECT_GT( CliSocket::find( reader.socket() )->pending(), 0u );
-   CliSocket::find( reader.socket() )->forget();
-   EXPECT_EQ( CliSocket::find( reader.socket() )->pending(), 0u );
-}
-
 TEST( CliPrinter, InterruptsWhoeverPrintsWhenTheReaderGoesAway ) {
    CliReader reader;
    CliPrinter printer( reader.socket(), json );
@@ -176,17 +164,4 @@ TEST( CliPrinter, InterruptsWhoeverPrintsWhenTheReaderGoesAway ) {
    EXPECT_THROW( printer.flush(), CliInterrupt );
    EXPECT_THROW( printer.end(), CliInterrupt );
    EXPECT_EQ( printer.pending(), 0u );
-}
-
-TEST( CliPrinter, PrintsToPipes ) {
-   int ends[2];
-   ASSERT_EQ( ::pipe( ends ), 0 );
-   CliPrinter printer( static_cast<unsigned>( ends[1] ), text );
-   printer.frill( "through a pipe\n" );
-   printer.flush();
-   std::array<char, 64> buffer;
-   const auto size = ::read( ends[0], buffer.data(), buffer.size() );
-   EXPECT_EQ( std::string( buffer.data(), static_cast<std::size_t>( size ) ), "through a pipe\n" );
-   ::close( ends[0] );
-   ::close( ends[1] );
 }
