@@ -41,7 +41,7 @@ class Demo:
         for number in self.lab.numbers:
             self.lab.server_start(number)
         say("starting hm-host --packet-filter auto on the switch ...")
-        self.lab.host_start()
+        self.lab.host_start("--state-db", f"sqlite:{WORK}/state.db")
         self.lab.apply(self.lab.groups(timeout=2, retryCount=1))
         self.outside = outside
 
