@@ -310,14 +310,14 @@ void RedisStore::ready() {
 }
 
 void RedisStore::beat() {
-   if ( phase_ != Phase::ready && phase_ != Phase::notOwner ) {
+   if ( phase_ == Phase::away ) {
       return;
    }
    if ( ++beatsWithoutAnswer_ > maxBeatsWithoutAnswer ) {
       ended( fmt::format( "no answer for {} s", maxBeatsWithoutAnswer ) );
-      return;
+   } else if ( phase_ != Phase::greeting ) {
+      claim( {} );
    }
-   claim( {} );
 }
 
 // "message", the channel, and the keys; none of them when the whole database was emptied.
