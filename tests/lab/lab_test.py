@@ -214,6 +214,7 @@ class Path(LabTest):
         for family in FAMILIES:
             # Routed to the first server, which owns the addresses: datagrams in fragments, other addresses, and what a
             # client really wants of a virtual address.
+            self.lab.ping(vip(1, family), 1, "-s", "3000")  # and the client has learnt the MTU of the way
             self.assertEqual(self.lab.ping(vip(1, family), 2, "-s", "3000"), 2)
             self.assertEqual(self.lab.ping(vip(2, family), 2), 2)
             with socket_in(self.lab, "client", family) as client:
