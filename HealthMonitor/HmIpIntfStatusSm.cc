@@ -171,7 +171,8 @@ void IpIntfStatusSm::maybeUpdateIpv6TunnelSourceIp( const IntfId & intf ) {
    std::size_t count = 0;
    if ( const auto status = ip6Status_->intf( intf ) ) {
       for ( const auto & item : status->addrItems() ) {
-         if ( !item.key.address.ipv6LinkLocal() ) {
+         // What was configured as an address of the interface may be of any family.
+         if ( item.key.address.isIpv6() && !item.key.address.ipv6LinkLocal() ) {
             ++count;
             address = item.key.address;
          }

@@ -66,8 +66,8 @@ class Host {
    bool reloadAgain_ = false; // it may have changed since: once more, however many signals came
    std::shared_ptr<const Schema> schema_;
    platform::Ptr<KernelInterfaces> kernelInterfaces_; // empty: they are configured
-   platform::Ptr<PacketFilter> packetFilter_; // outlives the agent: no probe without rules
-   platform::Ptr<StateKeeper> stateKeeper_; // none: the state ends with the process
+   platform::Ptr<PacketFilter> packetFilter_;         // outlives the agent: no probe without rules
+   platform::Ptr<StateKeeper> stateKeeper_;           // none: the state ends with the process
    platform::Ptr<platform::Agent> agent_;
    platform::Ptr<ConfigQueue> configQueue_;
    platform::Ptr<ChangeFeed> changeFeed_;

@@ -20,8 +20,8 @@ class HostStatus : public platform::Entity {
    HM_ATTRIBUTE( std::uint64_t, configurationGeneration ) // changes that were applied and made a difference
    HM_ATTRIBUTE( std::string, lastConfigurationError ) // first line of the last refusal; empty: none so far
    HM_ATTRIBUTE( std::string, packetFilter, "off" ) // off, native, xtables, or why the rules are not in place
-   HM_ATTRIBUTE( std::uint64_t, stateRefusals )        // things in the state database that were refused
-   HM_ATTRIBUTE( std::string, cleanState )             // what the agent has left over; empty: nothing
+   HM_ATTRIBUTE( std::uint64_t, stateRefusals )     // things in the state database that were refused
+   HM_ATTRIBUTE( std::string, cleanState )          // what the agent has left over; empty: nothing
 
  public:
    static constexpr const char * path = "host/status";

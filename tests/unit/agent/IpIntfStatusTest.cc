@@ -68,6 +68,8 @@ TEST_F( TunnelSource, IsWhatTheInterfaceHasAtTheStart ) {
          { "beside link-local ones", "Loopback0", "10.0.0.1",
                { "fe80::1/64", "2001:db8::1/64", "febf:ffff::1/64" }, "10.0.0.1 2001:db8::1" },
          { "link-local ones alone", "Loopback0", "10.0.0.1", { "fe80::1/64", "fe80::2/64" }, "10.0.0.1 " },
+         { "beside no IPv6 address at all", "Loopback0", "", { "10.0.0.9/24", "2001:db8::1/64" },
+               " 2001:db8::1" },
          { "not link-local", "Loopback0", "", { "fec0::1/64" }, " fec0::1" },
    };
    for ( const auto & row : rows ) {

@@ -2,6 +2,7 @@
 // what comes out on the other side.
 #include "ConfigFixture.h"
 #include "HealthMonitor/HmNfQueueSm.h"
+#include "TraceLines.h"
 
 #include <arpa/inet.h>
 #include <fstream>
@@ -119,6 +120,13 @@ class RealQueue : public testing::Test {
       } while ( kernel().waiting != 0 );
    }
 
+   /// Sends until the receive buffer has been too small.
+   static void overflow( Udp & probe ) {
+      while ( kernel().userDropped == 0 ) {
+         probe.send( vip, 8'000 );
+      }
+   }
+
    const Ptr<EventLoop> loop_ = new EventLoop;
    const Ptr<HmState::ProbeConfig> config_ = new HmState::ProbeConfig;
    const Ptr<HmState::ServerStatus> status_ = new HmState::ServerStatus;
@@ -222,9 +230,7 @@ TEST_F( RealQueue, APacketLargerThanTheBufferLeavesTheQueue ) {
 TEST_F( RealQueue, GoesOnAfterTheKernelLostPackets ) {
    const auto sm = queueSm();
    Udp probe( probeSource ), tunnelEnd( server, 4789 );
-   while ( kernel().userDropped == 0 ) {
-      probe.send( vip, 8'000 );
-   }
+   overflow( probe );
    drain();
    EXPECT_EQ( count( PacketCount::receiveError ), 1u );
    while ( !tunnelEnd.received().empty() ) {}
@@ -237,9 +243,7 @@ TEST_F( RealQueue, IsFreeForTheNextAfterTearDownWithPacketsUnread ) {
    Udp probe( probeSource ), tunnelEnd( server, 4789 );
    for ( const bool lost : { false, true } ) {
       auto sm = queueSm();
-      do {
-         probe.send( vip, 8'000 );
-      } while ( lost && kernel().userDropped == 0 );
+      lost ? overflow( probe ) : probe.send( vip, 100 );
       EXPECT_NE( kernel().waiting, 0u );
       sm = nullptr;
       loop_->runOnce();
@@ -253,6 +257,23 @@ TEST_F( RealQueue, IsFreeForTheNextAfterTearDownWithPacketsUnread ) {
       EXPECT_EQ( sm->pingSock(), NfQueueSm::uninitSocket );
       EXPECT_FALSE( sm->initialized() );
    }
+}
+
+TEST_F( RealQueue, TracesItsLife ) {
+   Udp probe( probeSource );
+   expectLines( linesOf( [&] {
+      const auto sm = queueSm();
+      overflow( probe );
+      while ( count( PacketCount::receiveError ) == 0 ) {
+         loop_->runOnce();
+      }
+   } ),
+         { { 9, "closeSockAndCheck:sock:-1" }, { 9, "openQueue:Opening library handle" },
+               { 9, "openQueue:bind handle to queue 0" }, { 9, "openQueue:setting copy_packet mode" },
+               { 9, "handleNfQueueReadable:" },
+               { 1, "handleNfQueueReadable:errno:105 error string:No buffer space available" },
+               { 9, "doCleanup:initialized:true" }, { 9, "doCleanup:destroying queue binding" },
+               { 9, "doCleanup:Closing nfqueue connection" } } );
 }
 
 using RealQueueDeathTest = RealQueue;

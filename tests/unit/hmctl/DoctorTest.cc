@@ -158,6 +158,12 @@ TEST( NftRules, DecideWhatGoesToQueueZero ) {
          { "a member with a counter", "in", goesTo( "\"@vips\"" ) + queueZero, echo( "203.0.113.1" ),
                { "filter prerouting" } },
          { "no member of it", "in", goesTo( "\"@vips\"" ) + queueZero, echo( "198.51.101.7" ), {} },
+         { "no fragment", "in",
+               goesTo( "\"@vips\"" ) +
+                     R"({"match": {"op": "==", "left": {"&": [{"payload": {"protocol": "ip", "field": "frag-off"}}, 16383]}, "right": 0}}, )" +
+                     isEcho + queueZero,
+               echo(), { "filter prerouting" } },
+         { "a named set that is empty", "in", goesTo( "\"@none\"" ) + queueZero, echo(), {} },
          { "a range of addresses", "in", goesTo( R"({"range": ["192.0.2.1", "192.0.2.20"]})" ) + queueZero,
                echo(), { "filter prerouting" } },
          { "IPv4 only", "in", goesTo( "\"192.0.2.10\"" ) + queueZero, echo( "2001:db8::10" ), {} },
