@@ -159,7 +159,7 @@ void RedisStore::connect() {
    greet();
 }
 
-void RedisStore::ended( const std::string & why ) {
+void RedisStore::ended( std::string why ) {
    phase_ = Phase::away;
    reader_ = nullptr;
    link_ = nullptr;
