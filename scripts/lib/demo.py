@@ -101,6 +101,10 @@ class Demo:
             wrapped = rf"{source(0, family)}\.(\d+) > {server(2, family)}\.4789: VXLAN.* vni \d+"
             self.right(any(re.search(wrapped, line) for line in lines), f"no wrapped probe to {server(2, family)} seen")
 
+        self.step("hmctl doctor looks for what commonly breaks the path")
+        doctor = self.lab.inside("switch", f"{self.lab.binaries}/hmctl", "-s", self.lab.socket, "doctor")
+        say(f"   {doctor.strip()}")
+
         self.step("s2 is stopped: it goes down, for both addresses, and nobody else does")
         self.lab.server_stop(2)
         self.expect(self.lab.states(down=[2]))
