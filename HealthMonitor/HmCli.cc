@@ -16,8 +16,6 @@ constexpr const char * showStatusDetail = "show health-monitor status detail";
 constexpr const char * showProbeDelay = "show health-monitor probe delay";
 constexpr const char * clearProbeDelay = "clear health-monitor probe delay";
 
-constexpr Seconds maxRunTime{ 0.1 };
-
 /// The number in a probe delay command: the first run of characters that the words of the command do not
 /// have. 0: none.
 std::uint32_t intervalOf( std::string_view command ) {
@@ -73,13 +71,16 @@ Ptr<AsyncCommandRequestSm> HmCliF::createAgentAsyncCommandRequestSm(
    const auto & command = request->command();
    const auto & name = request->name();
    if ( command == showCounters ) {
-      return showCountersAsyncCommandRequestSmFactory( name, request, maxRunTime, clock, hmAgent() );
+      return showCountersAsyncCommandRequestSmFactory(
+            name, request, AsyncCommandRequestSm::defaultMaxRunTime, clock, hmAgent() );
    }
    if ( command == showTimestamps ) {
-      return showTimestampsAsyncCommandRequestSmFactory( name, request, maxRunTime, clock, hmAgent() );
+      return showTimestampsAsyncCommandRequestSmFactory(
+            name, request, AsyncCommandRequestSm::defaultMaxRunTime, clock, hmAgent() );
    }
    if ( command == showStatusDetail ) {
-      return showStatusDetailAsyncCommandRequestSmFactory( name, request, maxRunTime, clock, hmAgent() );
+      return showStatusDetailAsyncCommandRequestSmFactory(
+            name, request, AsyncCommandRequestSm::defaultMaxRunTime, clock, hmAgent() );
    }
    return nullptr;
 }

@@ -12,7 +12,6 @@ namespace hm {
 
 namespace {
 
-constexpr Seconds sliceTime{ 0.1 };
 /// Of a body that is shown.
 constexpr std::size_t shownBodyBytes = 64;
 /// Checks under way at once, of everybody who asks: each holds a descriptor until it ends, whether or not
@@ -35,7 +34,7 @@ const char * actionWord( std::uint8_t action ) {
 
 ProbeNowSm::ProbeNowSm(
       const Ptr<const AgentCommandRequest> & request, HmAgent * agent, std::string_view arguments )
-      : AsyncCommandRequestSm( request->name(), request, sliceTime, *agent->context().clock ),
+      : AsyncCommandRequestSm( request->name(), request, defaultMaxRunTime, *agent->context().clock ),
         hmAgent_( agent ),
         printer_( request->socket(), request->format() ) {
    // The name of a group may hold blanks, an address does not.

@@ -14,7 +14,6 @@ namespace hm {
 
 namespace {
 
-constexpr Seconds sliceTime{ 0.1 };
 constexpr int longestIpv6 = 39; // bytes of its text
 
 const char * stateWord( HmState::ServerAdminState admin, HmState::ServerOperState oper ) {
@@ -46,7 +45,7 @@ int columnsOf( const std::string & text ) {
 
 StatusTableSm::StatusTableSm( const Ptr<const AgentCommandRequest> & request, HmAgent * agent,
       std::optional<NexthopGroupName> nhgName )
-      : AsyncCommandRequestSm( request->name(), request, sliceTime, *agent->context().clock ),
+      : AsyncCommandRequestSm( request->name(), request, defaultMaxRunTime, *agent->context().clock ),
         hmAgent_( agent ),
         only_( std::move( nhgName ) ),
         printer_( request->socket(), request->format() ) {

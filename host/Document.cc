@@ -21,7 +21,7 @@ constexpr std::size_t maxTextBytes = 32 * 1024 * 1024;
 // Longer than any path that can be resolved is.
 constexpr std::size_t longestName = 4096;
 
-std::string quoted( std::string_view text ) {
+std::string inQuotes( std::string_view text ) {
    constexpr std::size_t longest = 64;
    return fmt::format( "\"{}{}\"", printable( text.substr( 0, longest ) ), text.size() > longest ? "…" : "" );
 }
@@ -98,7 +98,7 @@ class Checker {
       }
       const auto * attribute = section.place.type->attribute( request.attribute );
       if ( !attribute ) {
-         error( 0, path, {}, "has no attribute " + quoted( request.attribute ) );
+         error( 0, path, {}, "has no attribute " + inQuotes( request.attribute ) );
          return;
       }
       if ( attribute->child() ) {
@@ -111,7 +111,7 @@ class Checker {
       const auto refusal =
             keyed ? keyed->keyCheck( request.value ) : attribute->scalar()->check( request.value );
       if ( refusal ) {
-         error( 0, path, attribute->name(), fmt::format( "{}: {}", quoted( request.value ), *refusal ) );
+         error( 0, path, attribute->name(), fmt::format( "{}: {}", inQuotes( request.value ), *refusal ) );
          return;
       }
       if ( keyed ) {
@@ -137,7 +137,7 @@ class Checker {
          return;
       }
       if ( const auto refusal = keyed->keyCheck( request.value ) ) {
-         error( 0, place.path(), {}, fmt::format( "{}: {}", quoted( request.value ), *refusal ) );
+         error( 0, place.path(), {}, fmt::format( "{}: {}", inQuotes( request.value ), *refusal ) );
          return;
       }
       section.kind = ChangeSection::Kind::remove;
@@ -236,7 +236,7 @@ class Checker {
          }
          if ( key.text.size() > longestName ) {
             error( key.line, path, {},
-                  fmt::format( "{}: a name of more than {} bytes", quoted( key.text ), longestName ) );
+                  fmt::format( "{}: a name of more than {} bytes", inQuotes( key.text ), longestName ) );
             continue;
          }
          if ( const auto [first, fresh] = seen.emplace( key.text, key.line ); !fresh ) {
@@ -261,7 +261,7 @@ class Checker {
       walkMap( node, path, [&]( const YamlNode & key, const YamlNode & value ) {
          const auto * info = type.attribute( key.text );
          if ( !info ) {
-            error( key.line, path, {}, "has no attribute " + quoted( key.text ) );
+            error( key.line, path, {}, "has no attribute " + inQuotes( key.text ) );
             return;
          }
          attribute( *info, key.line, value, path, content.attributes.emplace_back() );
@@ -283,7 +283,7 @@ class Checker {
             error( node.line, path, info.name(),
                   fmt::format( "expected {}, found {}", scalar->typeName(), formOf( node ) ) );
          } else if ( const auto refusal = scalar->check( node.text ) ) {
-            error( node.line, path, info.name(), fmt::format( "{}: {}", quoted( node.text ), *refusal ) );
+            error( node.line, path, info.name(), fmt::format( "{}: {}", inQuotes( node.text ), *refusal ) );
          } else {
             content.text = node.text;
          }
@@ -316,7 +316,7 @@ class Checker {
             error( item->line, path, name,
                   fmt::format( "expected {}, found {}", set.keyTypeName(), formOf( *item ) ) );
          } else if ( const auto refusal = set.keyCheck( item->text ) ) {
-            error( item->line, path, name, fmt::format( "{}: {}", quoted( item->text ), *refusal ) );
+            error( item->line, path, name, fmt::format( "{}: {}", inQuotes( item->text ), *refusal ) );
          } else {
             keyAdd( set, *item, path, content );
          }
@@ -337,7 +337,7 @@ class Checker {
       walkMap( node, below, [&]( const YamlNode & key, const YamlNode & value ) {
          if ( const auto refusal = collection.keyCheck( key.text ) ) {
             error( key.line, path, content.attribute->name(),
-                  fmt::format( "{}: {}", quoted( key.text ), *refusal ) );
+                  fmt::format( "{}: {}", inQuotes( key.text ), *refusal ) );
          } else if ( keyAdd( collection, key, path, content ) ) {
             content.entries.push_back(
                   entity( collection.entryType(), value, below + "/" + pathEscape( content.keys.back() ) ) );
@@ -349,7 +349,7 @@ class Checker {
          AttributeContent & content ) {
       auto normal = keyed.keyNormal( key.text );
       if ( !content.keySet.insert( normal ).second ) {
-         error( key.line, path, content.attribute->name(), quoted( key.text ) + " stands here twice" );
+         error( key.line, path, content.attribute->name(), inQuotes( key.text ) + " stands here twice" );
          return false;
       }
       content.keys.push_back( std::move( normal ) );

@@ -3,9 +3,9 @@
 #include "host/AgentLibrary.h"
 #include "host/Applier.h"
 #include "host/ControlProtocol.h"
+#include "host/HostTrace.h"
 #include "platform/Printable.h"
 #include "platform/state/Profile.h"
-#include "platform/Trace.h"
 
 #include <array>
 #include <cerrno>
@@ -26,11 +26,6 @@ namespace host {
 using namespace platform;
 
 namespace {
-
-TraceFacility & traceFacility() {
-   static const auto facility = TraceFacility::find( "Host" );
-   return *facility;
-}
 
 // For whoever reads the journal: what went wrong with a change that nobody waits for.
 void report( const std::string & line ) {

@@ -1,6 +1,6 @@
 #include "host/KernelInterfaces.h"
 
-#include "platform/Trace.h"
+#include "host/HostTrace.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -25,11 +25,6 @@ constexpr auto firstListPatience = std::chrono::seconds( 10 );
 constexpr auto againAfter = std::chrono::milliseconds( 100 );
 // Some thousand events; more are made up for.
 constexpr int receiveBufferBytes = 4 * 1024 * 1024;
-
-TraceFacility & traceFacility() {
-   static const auto facility = TraceFacility::find( "Host" );
-   return *facility;
-}
 
 std::string failed( const char * what ) {
    return fmt::format( "the kernel's interfaces: {}: {}", what, std::strerror( errno ) );

@@ -1,6 +1,6 @@
 #include "host/PacketFilter.h"
 
-#include "platform/Trace.h"
+#include "host/HostTrace.h"
 
 #include <algorithm>
 #include <utility>
@@ -19,11 +19,6 @@ constexpr Seconds retry{ 10 };     // after a failure
 constexpr Seconds lookAgain{ 30 }; // a reload of somebody's firewall flushes our rules as well
 constexpr Clock::Duration commandPatience = 30s;
 constexpr std::size_t maxSources = 16; // present and former ones
-
-TraceFacility & traceFacility() {
-   static const auto facility = TraceFacility::find( "Host" );
-   return *facility;
-}
 
 /// Runs a command to its end, while nothing else goes on yet, or any more.
 std::optional<std::string> runNow( const PacketFilterCommand & command ) {

@@ -96,4 +96,8 @@ void RedisLink::message( redisAsyncContext * context, void * reply, void * ) {
    }
 }
 
+std::string text( const redisReply & reply ) {
+   return reply.str ? std::string( reply.str, reply.len ) : std::string{};
+}
+
 } // namespace host

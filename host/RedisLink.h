@@ -13,6 +13,9 @@ struct redisReply;
 
 namespace host {
 
+/// The text of an answer, of any bytes; empty when it is none.
+std::string text( const redisReply & reply );
+
 /// One connection to a Redis server, on the loop of one thread. What is sent goes out in its order without
 /// waiting for the answers, also before the connection stands. May be destroyed from its own callbacks; none
 /// of them runs after that.

@@ -55,10 +55,6 @@ end
 return answers
 )";
 
-std::string text( const redisReply & reply ) {
-   return reply.str ? std::string( reply.str, reply.len ) : std::string{};
-}
-
 } // namespace
 
 RedisReader::RedisReader( RedisLink & link, const std::vector<StoredRoot> & roots, Done done )

@@ -22,7 +22,6 @@ constexpr auto quietAfter = std::chrono::milliseconds( 100 );
 constexpr auto quietAtLatest = std::chrono::seconds( 1 ); // after the first
 constexpr unsigned maxBeatsWithoutAnswer = 5;
 constexpr const char * heartbeatKey = "hm:heartbeat";
-constexpr const char * turnKey = "hm:turn";
 constexpr const char * refusedKey = "hm:refused";
 constexpr const char * refusedKept = "99"; // index of the last line that is kept
 
@@ -43,10 +42,6 @@ if redis.call( 'TYPE', KEYS[1] ).ok == 'string' and redis.call( 'GET', KEYS[1] )
    redis.call( 'DEL', KEYS[1] )
 end
 )";
-
-std::string text( const redisReply & reply ) {
-   return reply.str ? std::string( reply.str, reply.len ) : std::string{};
-}
 
 std::string nameOf( const StoreUrl & url ) {
    return url.host.empty() ? fmt::format( "redis+unix:{}?db={}", printable( url.path ), url.database )

@@ -37,6 +37,7 @@ class RedisStore final : public StateStore {
    bool isShared() const override { return true; }
 
  private:
+   static constexpr const char * turnKey = "hm:turn"; // holds how many transactions have been stored
    enum class Phase {
       away,     // no connections; retry_ makes them
       greeting, // until the server knows what we want and the lock is ours

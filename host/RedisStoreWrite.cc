@@ -20,7 +20,6 @@ constexpr std::size_t maxChunksUnderWay = 8;
 constexpr auto writeAgainAfter = std::chrono::seconds( 1 );
 constexpr unsigned maxReadsDisturbed =
       10; // in a row: whoever never stops writing does not hold up the others
-constexpr const char * turnKey = "hm:turn";
 constexpr const char * statisticsKey = "hm:healthMonitor/counters";
 
 // Statistics of an earlier process say nothing; a part of them at a time.
@@ -35,10 +34,6 @@ for _, member in ipairs( members ) do
 end
 return #members
 )";
-
-std::string text( const redisReply & reply ) {
-   return reply.str ? std::string( reply.str, reply.len ) : std::string{};
-}
 
 // Part of the state as a batch makes it.
 struct Target {

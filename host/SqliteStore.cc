@@ -24,7 +24,7 @@ namespace {
 constexpr std::int64_t applicationId = 0x484d5354; // "HMST"
 constexpr std::int64_t formatVersion = 1;
 constexpr int maxValueBytes = 1024 * 1024; // of a row; the longest of ours have some 10 KiB
-constexpr auto retryEvery = std::chrono::seconds( 1 );
+constexpr auto tryAgainAfter = std::chrono::seconds( 1 );
 
 constexpr const char * createTables = R"(
    CREATE TABLE entity( path TEXT PRIMARY KEY, attributes TEXT NOT NULL ) WITHOUT ROWID;
@@ -355,7 +355,7 @@ void SqliteStore::attempt() {
    if ( !std::exchange( failing_, true ) ) {
       say( why + "; monitoring goes on, and what changes is stored once that is over" );
    }
-   retry_->start( retryEvery );
+   retry_->start( tryAgainAfter );
 }
 
 int SqliteStore::write( const StoreBatch & batch ) {

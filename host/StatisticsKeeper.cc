@@ -6,7 +6,7 @@ using namespace platform;
 
 namespace {
 
-constexpr std::size_t changesAtATime = 512;
+constexpr std::size_t valuesAtATime = 512;
 
 } // namespace
 
@@ -92,7 +92,7 @@ void StatisticsKeeper::entry( const Ptr<const Entity> & entity, const std::strin
          filling_ = new StoreStatistics();
       }
       filling_->changes.push_back( std::move( change ) );
-      if ( filling_->changes.size() >= changesAtATime ) {
+      if ( filling_->changes.size() >= valuesAtATime ) {
          hand();
       }
    }

@@ -93,6 +93,7 @@ class AsyncCommandRequestSm : public RefCounted {
 
    const std::string & name() const { return name_; }
    const Ptr<const AgentCommandRequest> & request() const { return request_; }
+   static constexpr Seconds defaultMaxRunTime{ 0.1 };
    Seconds maxRunTime() const { return maxRunTime_; }
    const Clock & clock() const { return clock_; }
 

@@ -2,6 +2,7 @@
 #include "HealthMonitor/HmAgent.h"
 #include "platform/state/Profile.h"
 #include "tests/unit/agent/RecordingEngine.h"
+#include "tests/unit/agent/TestValues.h"
 
 #include <filesystem>
 #include <fstream>
@@ -9,21 +10,13 @@
 #include <gmock/gmock.h>
 
 using namespace hm;
+using namespace hm::test;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
 extern "C" platform::Agent * hmAgentFactory( const char * name );
 
 namespace {
-
-IpGenAddr ip( const std::string & text ) {
-   return *IpGenAddr::fromText( text );
-}
-
-std::string contentOf( const std::string & path ) {
-   std::ifstream file( path );
-   return { std::istreambuf_iterator<char>( file ), {} };
-}
 
 /// An agent host in small: entities, a main loop turned by the test, a clock moved by hand.
 class AgentTest : public testing::Test {

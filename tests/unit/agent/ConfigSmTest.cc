@@ -57,7 +57,7 @@ TEST_F( Monitoring, StartTakesWhatWasPublishedForWhatEachKindOfCheckSaw ) {
    kept->weightIs( 7 );
    probeConfig->monitoringEnabledIs( true );
    startAgent();
-   const auto look = [this]( const Ptr<HmState::NexthopGroupProbeStatus> & group, const char * server ) {
+   const auto look = []( const Ptr<HmState::NexthopGroupProbeStatus> & group, const char * server ) {
       const auto status = group->serverProbeStatus( ip( server ) );
       return std::tuple( status->operState(), status->adminState(), status->weight() );
    };

@@ -3,6 +3,7 @@
 #include "HealthMonitor/HmQueueRecords.h"
 #include "HealthMonitor/HmUtils.h"
 #include "HealthMonitor/HmYamlHelper.h"
+#include "tests/unit/agent/TestValues.h"
 
 #include <filesystem>
 #include <fstream>
@@ -11,19 +12,11 @@
 #include <gmock/gmock.h>
 
 using namespace hm;
+using namespace hm::test;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
-
-std::string contentOf( const std::string & path ) {
-   std::ifstream file( path );
-   return { std::istreambuf_iterator<char>( file ), {} };
-}
-
-IpGenAddr ip( const std::string & text ) {
-   return *IpGenAddr::fromText( text );
-}
 
 /// From here on this process can open no file.
 void exhaustDescriptors() {

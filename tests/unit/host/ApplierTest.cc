@@ -40,9 +40,6 @@ class Apply : public StateTest {
    }
 };
 
-const std::string probe = "healthMonitor/config/probeConfig";
-const std::string servers = "healthMonitor/config/serverConfig";
-
 TEST_F( Apply, ChangesOnlyWhatDiffers ) {
    const auto text = probe +
                      ":\n  probeInterval: 7\n  responseCodeRule: { pattern: \"5..\" }\n  nhgProbeConfig:\n" +

@@ -13,9 +13,6 @@ using ::testing::IsEmpty;
 
 namespace {
 
-const std::string probe = "healthMonitor/config/probeConfig";
-const std::string servers = "healthMonitor/config/serverConfig";
-
 std::string group( const std::string & name, const std::string & members ) {
    return servers + "/nhgConfig/" + name + ": { serverIp: [ " + members + " ] }\n";
 }

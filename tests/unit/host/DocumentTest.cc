@@ -1,6 +1,7 @@
 #include "host/Document.h"
 
 #include "platform/state/Profile.h"
+#include "tests/unit/host/TestState.h"
 
 #include <algorithm>
 
@@ -47,9 +48,6 @@ TEST_P( BadDocuments, AreRefusedWithFileLinePathAndAttribute ) {
    ASSERT_FALSE( errors.empty() );
    EXPECT_EQ( errors.front(), GetParam().error );
 }
-
-const std::string probe = "healthMonitor/config/probeConfig";
-const std::string servers = "healthMonitor/config/serverConfig";
 
 INSTANTIATE_TEST_SUITE_P( Table, BadDocuments,
       ::testing::Values( BadDocument{ "unknownPath", "a/b: {}\n", "f.yaml:1: no such path: a/b" },

@@ -12,6 +12,9 @@
 
 namespace host {
 
+inline const std::string probe = "healthMonitor/config/probeConfig";
+inline const std::string servers = "healthMonitor/config/serverConfig";
+
 /// A state database with a main loop that the test turns by hand.
 class StateTest : public ::testing::Test {
  protected:

@@ -10,8 +10,6 @@ using namespace platform;
 
 namespace {
 
-constexpr unsigned text = static_cast<unsigned>( CliFormat::text );
-
 /// Prints numbered lines, one an item.
 class Numbers final : public AsyncCommandRequestSm {
  public:
@@ -95,7 +93,7 @@ class CommandTest : public testing::Test {
       directory_->commandCallbackIs( shower_ );
    }
    Ptr<CommandRun> run( const std::string & command ) {
-      return directory_->run( command, reader_.socket(), text );
+      return directory_->run( command, reader_.socket(), static_cast<unsigned>( CliFormat::text ) );
    }
    /// Everything that is printed, the reader taking `atATime` bytes between two steps.
    std::string allOf( const Ptr<CommandRun> & run, std::size_t atATime ) {
