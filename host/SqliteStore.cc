@@ -31,6 +31,13 @@ constexpr const char * createTables = R"(
    CREATE TABLE member( path TEXT, key TEXT, PRIMARY KEY( path, key ) ) WITHOUT ROWID;
 )";
 
+// Without symbolic links: whoever takes another way to the same file is to find the same lock.
+std::string fileItself( std::string file ) {
+   std::error_code error;
+   const auto itself = std::filesystem::weakly_canonical( file, error );
+   return error ? file : itself.string();
+}
+
 bool isDamage( int code ) {
    return ( code & 0xff ) == SQLITE_CORRUPT || code == SQLITE_NOTADB || code == SQLITE_TOOBIG;
 }
@@ -66,7 +73,7 @@ std::string_view columnText( sqlite3_stmt * statement, int column ) {
 
 SqliteStore::SqliteStore( std::string file, const Ptr<EventLoop> & mainLoop )
       : StateStore( "hm-sqlite", mainLoop ),
-        file_( std::move( file ) ),
+        file_( fileItself( std::move( file ) ) ),
         fields_( nullptr, sqlite3_finalize ),
         insert_( nullptr, sqlite3_finalize ),
         remove_( nullptr, sqlite3_finalize ),
@@ -85,25 +92,29 @@ Refusal SqliteStore::open( StoredState & state, std::vector<std::string> & notes
    if ( auto refusal = lock() ) {
       return refusal;
    }
-   std::string why;
-   auto attached = attach( why );
-   int code = SQLITE_OK;
-   if ( attached == Attached::yes && ( code = read( state ) ) != SQLITE_OK ) {
-      why = complaint( code );
-      attached = isDamage( code ) ? Attached::damaged : Attached::notNow;
-   }
-   switch ( attached ) {
+   std::string why, ignored;
+   switch ( attachAndRead( why, Mode::shared, state ) ) {
    case Attached::refused:
       return why;
    case Attached::damaged:
       state = {};
-      notes.push_back( fmt::format( "{}; {}", why, attachAnew() ) );
+      failing_ = !attachAnew( why );
+      notes.push_back( why + ( failing_ ? "; the state is not stored until that is over" : "" ) );
       break;
-   case Attached::notNow:
-      state = {};
-      detach();
-      notes.push_back( why + "; the state is not stored until that is over, and what it held is not known" );
+   case Attached::notNow: {
+      const bool readAlone = attachAndRead( ignored, Mode::alone, state ) == Attached::yes;
+      detach(); // others may read the file again
+      if ( !readAlone ) {
+         state = {};
+         std::error_code none;
+         unread_ = std::filesystem::exists( file_, none ) && std::filesystem::file_size( file_, none ) != 0;
+      }
+      holdsState_ = !state.empty();
+      failing_ = true; // of which this is the one line
+      notes.push_back( why + "; the state is not stored until that is over" +
+                       ( readAlone ? "" : ", and what it held is not known" ) );
       break;
+   }
    case Attached::yes:
       holdsState_ = !state.empty();
       break;
@@ -138,7 +149,17 @@ Refusal SqliteStore::lock() {
    return std::nullopt;
 }
 
-SqliteStore::Attached SqliteStore::attach( std::string & why ) {
+SqliteStore::Attached SqliteStore::attachAndRead( std::string & why, Mode mode, StoredState & state ) {
+   const auto attached = attach( why, mode );
+   int code = SQLITE_OK;
+   if ( attached == Attached::yes && ( code = read( state ) ) != SQLITE_OK ) {
+      why = complaint( code );
+      return isDamage( code ) ? Attached::damaged : Attached::notNow;
+   }
+   return attached;
+}
+
+SqliteStore::Attached SqliteStore::attach( std::string & why, Mode mode ) {
    const auto failed = [&]( int code ) {
       why = complaint( code );
       const bool damage = isDamage( code );
@@ -159,6 +180,9 @@ SqliteStore::Attached SqliteStore::attach( std::string & why ) {
    sqlite3_extended_result_codes( db_, 1 );
    sqlite3_busy_timeout( db_, 1000 );
    sqlite3_limit( db_, SQLITE_LIMIT_LENGTH, maxValueBytes );
+   if ( mode == Mode::alone && ( code = execute( "PRAGMA locking_mode = EXCLUSIVE" ) ) != SQLITE_OK ) {
+      return failed( code );
+   }
    std::int64_t tables = 0, application = 0, version = 0;
    for ( const auto step : { number( "SELECT count(*) FROM sqlite_master", tables ),
                number( "PRAGMA application_id", application ), number( "PRAGMA user_version", version ) } ) {
@@ -229,15 +253,16 @@ Refusal SqliteStore::setAside( std::string & where ) {
    return std::nullopt;
 }
 
-std::string SqliteStore::attachAnew() {
-   std::string where, why;
+bool SqliteStore::attachAnew( std::string & why ) {
+   std::string where, whyNot;
    if ( const auto refusal = setAside( where ) ) {
-      return fmt::format( "it cannot be set aside ({}); the state is not stored", *refusal );
+      why += fmt::format( "; it cannot be set aside ({})", *refusal );
+      return false;
    }
-   if ( attach( why ) != Attached::yes ) {
-      return fmt::format( "set aside as {}; a new one cannot be made yet: {}", printable( where ), why );
-   }
-   return fmt::format( "set aside as {}; it begins anew", printable( where ) );
+   const bool anew = attach( whyNot ) == Attached::yes;
+   why += fmt::format( "; set aside as {}; {}", printable( where ),
+         anew ? "it begins anew" : "a new one cannot be made yet: " + whyNot );
+   return true;
 }
 
 int SqliteStore::read( StoredState & state ) {
@@ -322,7 +347,10 @@ void SqliteStore::attempt() {
    int code = SQLITE_OK;
    if ( !db_ ) {
       const auto attached = attach( why );
-      if ( attached == Attached::yes ) {
+      if ( attached == Attached::yes && std::exchange( unread_, false ) ) {
+         why = fmt::format( "state database {}: could not be read at the start", printable( file_ ) );
+         code = SQLITE_CORRUPT;
+      } else if ( attached == Attached::yes ) {
          tell( StoreEvent::Kind::empty ); // whatever it holds, it has missed something
       } else {
          code = attached == Attached::damaged ? SQLITE_CORRUPT : SQLITE_IOERR;
@@ -338,8 +366,8 @@ void SqliteStore::attempt() {
          execute( "ROLLBACK" );
       }
    }
-   if ( isDamage( code ) ) {
-      say( fmt::format( "{}; {}", why, attachAnew() ) );
+   if ( isDamage( code ) && attachAnew( why ) ) {
+      say( why );
       tell( StoreEvent::Kind::empty );
       code = SQLITE_OK;
       for ( ; !pending_.empty(); pending_.pop_front() ) {
@@ -347,7 +375,7 @@ void SqliteStore::attempt() {
       }
    }
    if ( code == SQLITE_OK ) {
-      if ( std::exchange( failing_, false ) ) {
+      if ( db_ && std::exchange( failing_, false ) ) {
          say( fmt::format( "state database {}: is written again", printable( file_ ) ) );
       }
       return;

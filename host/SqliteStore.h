@@ -19,6 +19,9 @@ namespace host {
 /// A batch is a transaction. A process that is killed leaves the last whole one behind; a machine that loses
 /// its power may lose the last few, whole as well (synchronous is NORMAL).
 ///
+/// A disk that is full already at the start keeps nobody from what the file holds: it is read alone, with the
+/// log's index in memory. A file that could not be read then is set aside once it is written again.
+///
 /// `FILE.lock` belongs to the process that writes: a second one is refused. A file that SQLite finds damaged
 /// is renamed to FILE.damaged-YYYYMMDDTHHMMSSZ and begun anew. When the disk is full (or anything else keeps
 /// a transaction from being written) it is tried again every second, and one line says so, another when it is
@@ -33,13 +36,16 @@ class SqliteStore final : public StateStore {
 
  private:
    enum class Attached { yes, damaged, notNow, refused };
+   enum class Mode { shared, alone }; // alone: nothing is written beside the file
    using Statement = std::unique_ptr<sqlite3_stmt, int ( * )( sqlite3_stmt * )>;
 
    platform::Refusal lock();
-   Attached attach( std::string & why ); // opens and checks the file
+   Attached attach( std::string & why, Mode mode = Mode::shared ); // opens and checks the file
+   Attached attachAndRead( std::string & why, Mode mode, StoredState & state );
    void detach();
    platform::Refusal setAside( std::string & where );
-   std::string attachAnew(); // after damage; a line about it
+   bool attachAnew(
+         std::string & why ); // after damage, `why` tells more then; false: the old one is in the way
    int read( StoredState & state );
    int execute( const char * sql );
    int number( const char * sql, std::int64_t & value );
@@ -64,6 +70,7 @@ class SqliteStore final : public StateStore {
    Statement fields_, insert_, remove_, removeEntities_, removeMembers_;
    std::deque<platform::Ptr<StoreBatch>> pending_; // one, but for the end
    bool failing_ = false;
+   bool unread_ = false; // what the file held at the start
    platform::Ptr<platform::LoopTimer> retry_;
 };
 
