@@ -160,7 +160,7 @@ void RedisStore::ended( std::string why ) {
    link_ = nullptr;
    watch_ = nullptr;
    writing_ = false;
-   difference_.reset();
+   steps_.clear();
    chunksUnderWay_ = 0;
    purging_ = false;
    {

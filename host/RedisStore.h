@@ -83,6 +83,7 @@ class RedisStore final : public StateStore {
    void next();
    void wholeRead( const StoreBatch & batch );
    void configurationRead( const StoreRead & read );
+   void stepsBegin( std::vector<StoreChange> steps );
    void chunks();
    void chunk( std::size_t begin, std::size_t end );
    void write( const StoreChange & change );
@@ -114,7 +115,8 @@ class RedisStore final : public StateStore {
    bool released_ = false;  // the lock, at the end
 
    std::deque<platform::Ptr<platform::QueueElement>> pending_; // batches and reads in their order
-   std::optional<std::vector<StoreChange>> difference_;        // what a whole batch comes to
+   std::vector<StoreChange> steps_;                            // what the front of them comes to
+   std::size_t configurationEnd_ = 0;                          // of its steps, which begin with those
    std::size_t nextChange_ = 0;
    std::size_t chunksUnderWay_ = 0;
    bool writing_ = false; // the front of pending_ is under way

@@ -143,11 +143,9 @@ void RedisStore::next() {
    }
    writeFailed_.clear();
    wrongType_ = false;
-   nextChange_ = 0;
-   difference_.reset();
    const auto batch = dynamicPtrCast<StoreBatch>( pending_.front() );
    if ( batch->whole.empty() ) {
-      chunks();
+      stepsBegin( batch->changes );
    } else {
       wholeRead( *batch );
    }
@@ -199,17 +197,29 @@ void RedisStore::wholeRead( const StoreBatch & batch ) {
       for ( const auto & change : dynamicPtrCast<StoreBatch>( pending_.front() )->changes ) {
          within( change.path ) ? target.take( change ) : beside.push_back( change );
       }
-      difference_ = differenceOf( target, reader->state() );
-      std::ranges::move( beside, std::back_inserter( *difference_ ) );
-      chunks();
+      auto steps = differenceOf( target, reader->state() );
+      std::ranges::move( beside, std::back_inserter( steps ) );
+      stepsBegin( std::move( steps ) );
    } );
 }
 
+// The configuration first and as one: half of what was applied together would be in force after a kill. Each
+// change is of a path in one root, so that the order of the roots does not matter.
+void RedisStore::stepsBegin( std::vector<StoreChange> steps ) {
+   const auto rest = std::ranges::stable_partition( steps, [this]( const auto & step ) {
+      return std::ranges::any_of( roots_, [&]( const auto & root ) {
+         return root.configuration && pathIsAtOrBelow( step.path, root.path );
+      } );
+   } );
+   configurationEnd_ = static_cast<std::size_t>( rest.begin() - steps.begin() );
+   steps_ = std::move( steps );
+   nextChange_ = 0;
+   chunks();
+}
+
 void RedisStore::chunks() {
-   const auto & batch = *dynamicPtrCast<StoreBatch>( pending_.front() );
-   const auto count = difference_ ? difference_->size() : batch.changes.size();
-   while ( chunksUnderWay_ < maxChunksUnderWay && nextChange_ < count ) {
-      const auto end = std::min( count, nextChange_ + changesAtATime );
+   while ( chunksUnderWay_ < maxChunksUnderWay && nextChange_ < steps_.size() ) {
+      const auto end = std::max( std::min( steps_.size(), nextChange_ + changesAtATime ), configurationEnd_ );
       chunk( std::exchange( nextChange_, end ), end );
    }
    if ( chunksUnderWay_ == 0 ) {
@@ -218,14 +228,12 @@ void RedisStore::chunks() {
 }
 
 void RedisStore::chunk( std::size_t begin, std::size_t end ) {
-   const auto & changes =
-         difference_ ? *difference_ : dynamicPtrCast<StoreBatch>( pending_.front() )->changes;
    ++chunksUnderWay_;
    link_->send( { "MULTI" } );
    for ( std::size_t i = begin; i < end; ++i ) {
-      write( changes[i] );
+      write( steps_[i] );
    }
-   if ( end == changes.size() ) {
+   if ( end == steps_.size() ) {
       link_->send( { "SET", turnKey, std::to_string( turn_ + 1 ) } );
    }
    link_->send( { "EXEC" }, [this]( const redisReply & reply ) { chunkDone( reply ); } );
@@ -315,11 +323,13 @@ void RedisStore::batchDone() {
    if ( !writeFailed_.empty() ) {
       trouble( writeFailed_ ); // full, or a replica, for instance
       writing_ = false;
-      difference_.reset();
+      steps_.clear();
       writeRetry_->start( writeAgainAfter );
       return;
    }
-   ++turn_;
+   if ( !steps_.empty() ) {
+      ++turn_; // as the last transaction has it: nothing was stored where nothing differed
+   }
    if ( std::exchange( troubled_, false ) ) {
       say( fmt::format( "state database {}: is written again", name_ ) );
    }
@@ -328,7 +338,7 @@ void RedisStore::batchDone() {
    }
    tell( StoreEvent::Kind::written );
    pending_.pop_front();
-   difference_.reset();
+   steps_.clear();
    writing_ = false;
    next();
 }
