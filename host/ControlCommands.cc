@@ -259,13 +259,18 @@ std::unique_ptr<Answer> changeAnswer(
    const auto result = std::make_shared<ChangeAnswer::Result>();
    const bool checkOnly = request.checkOnly;
    services.configQueue->submit( std::move( request ),
-         [result, share, checkOnly, asker = Ptr<ControlClient>( &client ), ended = services.changeEnded](
-               const ChangeOutcome & outcome ) {
-            if ( !checkOnly ) {
-               ended( outcome );
+         [result, share, checkOnly, asker = Ptr<ControlClient>( &client ), ended = services.changeEnded,
+               whenStored = services.whenStored]( const ChangeOutcome & outcome ) {
+            const auto answer = [result, asker, outcome] {
+               result->outcome = outcome;
+               asker->wake();
+            };
+            if ( checkOnly ) {
+               answer();
+               return;
             }
-            result->outcome = outcome;
-            asker->wake();
+            ended( outcome );
+            whenStored( answer );
          } );
    return std::make_unique<ChangeAnswer>( result );
 }

@@ -30,6 +30,10 @@ struct ControlServices {
    std::function<std::string()> cleanState = [] { return std::string{}; }; // of the agent; empty: clean
    std::function<void( std::size_t )> clientCountChanged = []( std::size_t ) {};
    std::function<void( const ChangeOutcome & )> changeEnded = []( const ChangeOutcome & ) {};
+   /// Runs what it is given once the state as it is now outlives the process, or cannot in time.
+   std::function<void( std::function<void()> )> whenStored = []( const std::function<void()> & done ) {
+      done();
+   };
 };
 
 /// Serves the control socket: any number of clients come and go, a bounded number stays, and each of them

@@ -272,6 +272,7 @@ bool CrossCheck::ofOneFamily( const std::string & name, const Group & group, con
    if ( server.family() == first_.family() ) {
       return true;
    }
+   groupsAtFault_.insert( name );
    errors_.add( group.servers ? group.servers->line : 0,
          fmt::format( "{}/nhgConfig/{}", serverConfigPath, pathEscape( name ) ), "serverIp",
          fmt::format( "{} is {}, {} of the same group is {}: one group is probed over one family", server,
@@ -289,6 +290,7 @@ void CrossCheck::groupNext() {
 void CrossCheck::groupEnd( const std::string & name, const Group & group ) {
    const auto vip = group.vip.value_or( IpGenAddr{} );
    if ( !vip.empty() && !first_.empty() && vip.family() != first_.family() ) {
+      groupsAtFault_.insert( name );
       errors_.add( group.vipLine != 0 ? group.vipLine
                    : group.servers    ? group.servers->line
                                       : 0,

@@ -6,6 +6,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <unordered_set>
 
 namespace host {
@@ -25,6 +26,8 @@ class CrossCheck {
    /// Does one step; false once there was nothing left to do.
    bool step();
    const ChangeErrors & errors() const { return errors_; }
+   /// Groups that cannot stand as they would be. Without servers each of them could.
+   const std::set<std::string> & groupsAtFault() const { return groupsAtFault_; }
 
  private:
    // One group as it will be. What the change does not say comes from the state.
@@ -63,6 +66,7 @@ class CrossCheck {
    const platform::Ptr<HmState::ProbeConfig> probeConfig_;
    const platform::Ptr<CheckedChange> change_;
    ChangeErrors errors_;
+   std::set<std::string> groupsAtFault_;
 
    Phase phase_ = Phase::change;
    std::size_t section_ = 0;

@@ -165,6 +165,11 @@ std::vector<std::string> Host::start() {
       status_->clientsIs( static_cast<std::uint32_t>( count ) );
    };
    services.changeEnded = [this]( const ChangeOutcome & outcome ) { changeEnded( outcome ); };
+   if ( stateKeeper_ ) {
+      services.whenStored = [this]( std::function<void()> done ) {
+         stateKeeper_->whenStored( std::move( done ) );
+      };
+   }
    controlServer_ = new ControlServer( services, socket_.fdTake() );
    return {};
 }

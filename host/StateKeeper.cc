@@ -1,5 +1,6 @@
 #include "host/StateKeeper.h"
 
+#include "platform/state/HmState.h"
 #include "platform/Trace.h"
 
 #include <algorithm>
@@ -12,6 +13,32 @@ namespace {
 
 constexpr auto beatEvery = std::chrono::seconds( 1 );
 
+// Takes the groups out of the servers that `change` brings; false when none of them was there.
+bool groupsLeaveOut( CheckedChange & change, const std::set<std::string> & groups ) {
+   bool any = false;
+   for ( auto & section : change.sections ) {
+      for ( auto & said : section.entity.attributes ) {
+         if ( said.attribute != &HmState::ServerConfig::nhgConfigAttr().info ) {
+            continue;
+         }
+         std::vector<std::string> keys;
+         std::vector<EntityContent> entries;
+         for ( std::size_t i = 0; i < said.keys.size(); ++i ) {
+            if ( groups.contains( said.keys[i] ) ) {
+               said.keySet.erase( said.keys[i] );
+               any = true;
+            } else {
+               keys.push_back( std::move( said.keys[i] ) );
+               entries.push_back( std::move( said.entries[i] ) );
+            }
+         }
+         said.keys = std::move( keys );
+         said.entries = std::move( entries );
+      }
+   }
+   return any;
+}
+
 } // namespace
 
 StateKeeper::StateKeeper( Services services, std::vector<StoredRoot> roots, Ptr<StateStore> store )
@@ -20,6 +47,10 @@ StateKeeper::StateKeeper( Services services, std::vector<StoredRoot> roots, Ptr<
         store_( std::move( store ) ),
         task_( new Task( services_.scheduler, TaskPriority{}, "state-keep" ) ) {
    task_->runHandlerIs( [this] { slice(); } );
+   impatience_ = new LoopTimer( services_.mainLoop, [this] {
+      slow_ = true;
+      waitersRelease( handed_ + 1 );
+   } );
 }
 
 StateKeeper::~StateKeeper() {
@@ -49,7 +80,7 @@ Refusal StateKeeper::restore() {
       for ( const auto & error : std::exchange( change->errors, {} ) ) {
          services_.report( error );
       }
-      apply( change );
+      untidy = !apply( change ) || untidy;
    }
    begin();
    if ( untidy ) {
@@ -58,19 +89,33 @@ Refusal StateKeeper::restore() {
    return std::nullopt;
 }
 
-// At the start: nobody watches and nothing else waits, so without slices.
-void StateKeeper::apply( const Ptr<CheckedChange> & change ) {
-   CrossCheck crossCheck( services_.entityManager, change );
-   while ( crossCheck.step() ) {}
-   if ( !crossCheck.errors().empty() ) {
+// At the start: nobody watches and nothing else waits, so without slices. What others wrote into a store
+// while there was no host is held against nothing before: one group that cannot stand must not cost the
+// others.
+bool StateKeeper::apply( const Ptr<CheckedChange> & change ) {
+   bool whole = true;
+   while ( true ) {
+      CrossCheck crossCheck( services_.entityManager, change );
+      while ( crossCheck.step() ) {}
+      if ( crossCheck.errors().empty() ) {
+         break;
+      }
+      whole = false;
       for ( const auto & error : crossCheck.errors().lines() ) {
          services_.report( error );
       }
-      services_.report( "the stored configuration is left out" );
-      std::erase_if( change->sections, []( const auto & section ) { return section.place.outsideWrites; } );
+      services_.refusals( crossCheck.errors().lines().size() );
+      if ( groupsLeaveOut( *change, crossCheck.groupsAtFault() ) ) {
+         services_.report( "the stored groups that are named above are left out" );
+      } else {
+         services_.report( "the stored configuration is left out" );
+         std::erase_if(
+               change->sections, []( const auto & section ) { return section.place.outsideWrites; } );
+      }
    }
    Applier applier( services_.entityManager, change );
    while ( applier.step() ) {}
+   return whole;
 }
 
 void StateKeeper::begin() {
@@ -100,7 +145,24 @@ void StateKeeper::agentStarted( const Ptr<ConfigQueue> & configQueue, std::vecto
    task_->scheduleTask();
 }
 
+void StateKeeper::whenStored( std::function<void()> done ) {
+   const auto batches = handed_ + ( dirty_.empty() && !batch_ ? 0 : 1 );
+   if ( slow_ || batches == handed_ - ( underWay_ ? 1 : 0 ) ) {
+      done();
+   } else {
+      waiters_.emplace( batches, std::move( done ) );
+   }
+}
+
+void StateKeeper::waitersRelease( std::uint64_t batches ) {
+   while ( !waiters_.empty() && waiters_.begin()->first <= batches ) {
+      const auto waiter = waiters_.extract( waiters_.begin() ); // it may ask for another
+      waiter.mapped()();
+   }
+}
+
 void StateKeeper::finish() {
+   waiters_.clear();
    configQueue_ = nullptr;
    statistics_ = nullptr;
    if ( observing_ ) {
@@ -207,6 +269,10 @@ void StateKeeper::hand() {
    if ( batch_ ) {
       store_->push( std::exchange( batch_, nullptr ) );
       underWay_ = true;
+      ++handed_;
+      if ( !slow_ ) {
+         impatience_->start( patience );
+      }
    }
 }
 
@@ -259,6 +325,9 @@ void StateKeeper::storeEvents() {
       switch ( event->kind ) {
       case StoreEvent::Kind::written:
          underWay_ = false;
+         impatience_->stop();
+         slow_ = false;
+         waitersRelease( handed_ );
          break;
       case StoreEvent::Kind::empty:
          statisticsForget();

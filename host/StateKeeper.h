@@ -26,6 +26,8 @@ namespace host {
 /// Main thread only.
 class StateKeeper final : public platform::RefCounted, private platform::TreeObserver {
  public:
+   static constexpr std::chrono::seconds patience{ 2 };
+
    struct Services {
       platform::Ptr<platform::EventLoop> mainLoop;
       platform::Ptr<platform::TaskScheduler> scheduler;
@@ -47,6 +49,10 @@ class StateKeeper final : public platform::RefCounted, private platform::TreeObs
    /// read. `configQueue` outlives finish().
    void agentStarted(
          const platform::Ptr<ConfigQueue> & configQueue, std::vector<platform::Statistics> statistics );
+   /// Runs `done` once the store has what has changed so far; at once when nothing has, or when the store has
+   /// not taken anything for `patience`: what is changed must not wait for a store that is away. Never after
+   /// finish().
+   void whenStored( std::function<void()> done );
    /// Hands over everything that the store does not have yet, and ends the store.
    void finish();
 
@@ -61,7 +67,7 @@ class StateKeeper final : public platform::RefCounted, private platform::TreeObs
       std::optional<std::string> after = std::nullopt; // bookmark in them
    };
 
-   void apply( const platform::Ptr<CheckedChange> & change );
+   [[nodiscard]] bool apply( const platform::Ptr<CheckedChange> & change ); // false: some was left out
    void begin();
    void treeChanged( const platform::Entity & entity, const platform::AttributeInfo & attribute,
          const std::string & key ) override;
@@ -74,6 +80,7 @@ class StateKeeper final : public platform::RefCounted, private platform::TreeObs
    void hand();
    void storeEvents();
    void statisticsForget();
+   void waitersRelease( std::uint64_t batches );
    void contentCame( const StoreEvent & event );
    void refused( const std::vector<std::string> & errors );
 
@@ -98,8 +105,12 @@ class StateKeeper final : public platform::RefCounted, private platform::TreeObs
    std::map<std::string, Place> dirty_;            // by path, so that an entry precedes what stands below it
    const platform::Entity * lastEntity_ = nullptr; // whose values were noted last, at lastPlace_
    Place * lastPlace_ = nullptr;
-   platform::Ptr<StoreBatch> batch_; // being filled
-   bool underWay_ = false;           // a batch
+   platform::Ptr<StoreBatch> batch_;                             // being filled
+   bool underWay_ = false;                                       // a batch
+   std::uint64_t handed_ = 0;                                    // batches
+   std::multimap<std::uint64_t, std::function<void()>> waiters_; // by how many batches are to be written
+   platform::Ptr<platform::LoopTimer> impatience_;               // runs while a batch is under way
+   bool slow_ = false;                                           // it has run out
    bool readWanted_ = false;
    Stamp configuration_;
 };

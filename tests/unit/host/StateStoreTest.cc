@@ -204,10 +204,12 @@ TEST_F( Sqlite, ChangesAreThereWithoutAnEnd ) {
 }
 
 TEST_F( Sqlite, OneWriterAtATime ) {
-   HostRun first, second;
+   HostRun first, second, other;
    ASSERT_EQ( first.begin( file ), std::nullopt );
    EXPECT_THAT( second.begin( file ).value_or( "" ),
          HasSubstr( "another host writes it (process " + std::to_string( getpid() ) + ")" ) );
+   std::filesystem::create_symlink( file, directory + "/other" );
+   EXPECT_THAT( other.begin( directory + "/other" ).value_or( "" ), HasSubstr( "another host writes it" ) );
    first.end();
    HostRun third;
    EXPECT_EQ( third.begin( file ), std::nullopt );
@@ -283,6 +285,34 @@ TEST_F( Sqlite, FilesThatAreNotOurs ) {
       EXPECT_EQ( next.text(), left ) << row.name;
       next.end();
    }
+}
+
+TEST_F( Sqlite, AGroupThatCannotStandCostsNoOther ) {
+   const auto begun = [this]( HostRun & run ) { ASSERT_EQ( run.begin( file ), std::nullopt ); };
+   {
+      HostRun run;
+      begun( run );
+      run.apply( everything );
+      run.end();
+   }
+   statements(
+         "INSERT INTO member VALUES( 'healthMonitor/config/serverConfig/nhgConfig/web/serverIp', '::1' ), "
+         "( 'healthMonitor/config/serverConfig/nhgConfig/web/serverIp', '10.0.0.5' )" );
+   HostRun run;
+   begun( run );
+   EXPECT_THAT(
+         run.reported, ElementsAre( HasSubstr( "nhgConfig/web: serverIp: " ), HasSubstr( "left out" ) ) );
+   EXPECT_EQ( run.refusals, 1u );
+   EXPECT_EQ( run.serverConfig()->nhgConfigCount(), 1u );
+   EXPECT_EQ( run.serverConfig()->nhgConfig( "a/b%" )->serverIpCount(), 2u );
+   EXPECT_EQ( run.probeConfig()->probeInterval(), Seconds{ 0.5 } );
+   EXPECT_TRUE( run.probeConfig()->nhgProbeConfigHas( "web" ) );
+   run.end();
+   HostRun next; // the store says what is in force
+   begun( next );
+   EXPECT_THAT( next.reported, IsEmpty() );
+   EXPECT_EQ( next.text(), run.text() );
+   next.end();
 }
 
 TEST( Stored, WhatTheDescriptionsRefuseIsLeftOutAndNamed ) {
@@ -451,6 +481,30 @@ TEST_F( Keeping, OneBatchIsUnderWayAndPlacesGather ) {
    written();
    store->tell( StoreEvent::Kind::empty );
    EXPECT_THAT( next(), ElementsAre( "whole batch" ) );
+}
+
+TEST_F( Keeping, WhoAsksIsToldOnceItIsStored ) {
+   std::string told;
+   const auto ask = [&]( char name ) { run.keeper->whenStored( [&told, name] { told += name; } ); };
+   ask( 'a' );
+   EXPECT_EQ( told, "a" ); // there is nothing to store
+   run.probeConfig()->probeIntervalIs( Seconds{ 1 } );
+   ask( 'b' );
+   (void)next();
+   run.probeConfig()->probeIntervalIs( Seconds{ 2 } );
+   ask( 'c' );
+   EXPECT_EQ( told, "a" );
+   written();
+   (void)next();
+   EXPECT_EQ( told, "ab" );
+   written();
+   EXPECT_TRUE( run.turnUntil( [&] { return told == "abc"; } ) );
+   // A store that takes nothing holds up nobody for long, and then nobody at all.
+   run.probeConfig()->probeIntervalIs( Seconds{ 3 } );
+   ask( 'd' );
+   EXPECT_TRUE( run.turnUntil( [&] { return told == "abcd"; } ) );
+   ask( 'e' );
+   EXPECT_EQ( told, "abcde" );
 }
 
 TEST_F( Keeping, ForeignConfigurationIsAppliedUnlessOursIsNewer ) {
