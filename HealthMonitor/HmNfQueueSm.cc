@@ -52,8 +52,8 @@ QueuedPacket cutOffPacket( const nlmsghdr * message ) {
          mnl_attr_get_type( attribute ) == NFQA_PAYLOAD ) {
       const int bytes = mnl_attr_get_payload_len( attribute );
       packet.payload = static_cast<const std::uint8_t *>( mnl_attr_get_payload( attribute ) );
-      // A payload that the rest of the path would take for whole counts as not read.
-      packet.payloadBytes = bytes > static_cast<int>( encapBufBytes ) ? bytes : -1;
+      // One that the rest of the path would take, and read beyond what is there, counts as not read.
+      packet.payloadBytes = bytes > static_cast<int>( longestPayload( ipv4Layout ) ) ? bytes : -1;
    }
    return packet;
 }

@@ -90,7 +90,7 @@ int processPkt( const QueuedPacket & packet, const CallbackArgs * callbackData, 
    }
    const ConstBytes payload( packet.payload, static_cast<std::size_t>( packet.payloadBytes ) );
    const auto & layout = isIpv6 ? ipv6Layout : ipv4Layout;
-   if ( payload.size() > encapBufBytes - layout.hdrBytes - tunnelHdrBytes ) {
+   if ( payload.size() > longestPayload( layout ) ) {
       HM_TRACE( 2, "payload too big:{}", payload.size() );
       return drop( commonData, PacketCount::tooBig );
    }

@@ -20,6 +20,11 @@ struct QueuedPacket {
 inline constexpr std::size_t encapBufBytes = 16384;
 extern std::uint8_t encapBuf[encapBufBytes];
 
+/// The longest packet of a family that fits there with its headers in front.
+constexpr std::size_t longestPayload( const IpLayout & layout ) {
+   return encapBufBytes - layout.hdrBytes - tunnelHdrBytes;
+}
+
 /// 0: accept, with the first `len` bytes of encapBuf as the new packet. 1: drop.
 int processPkt( const QueuedPacket & packet, const CallbackArgs * callbackData, std::uint32_t & len );
 

@@ -2,6 +2,7 @@
 
 #include "platform/Trace.h"
 
+#include <algorithm>
 #include <utility>
 
 #include <fmt/format.h>
@@ -17,6 +18,7 @@ constexpr Seconds gather{ 0.1 };   // changes come in bursts
 constexpr Seconds retry{ 10 };     // after a failure
 constexpr Seconds lookAgain{ 30 }; // a reload of somebody's firewall flushes our rules as well
 constexpr Clock::Duration commandPatience = 30s;
+constexpr std::size_t maxSources = 16; // present and former ones
 
 TraceFacility & traceFacility() {
    static const auto facility = TraceFacility::find( "Host" );
@@ -87,16 +89,19 @@ void PacketFilter::treeChanged( const Entity &, const AttributeInfo & attribute,
    }
 }
 
-PacketFilterTargets PacketFilter::targets() const {
+PacketFilterTargets PacketFilter::targets() {
+   for ( const auto & source : { serverStatus_->probeSrcIp(), serverStatus_->probeSrcIp6() } ) {
+      if ( !source.empty() ) {
+         std::erase( sources_, source );
+         sources_.insert( sources_.begin(), source );
+      }
+   }
+   sources_.resize( std::min( sources_.size(), maxSources ) );
    PacketFilterTargets found;
+   found.probeSources = sources_;
    for ( const auto & [name, group] : probeConfig_->nhgProbeConfigItems() ) {
       if ( !group->vip().empty() ) {
          found.vips.insert( group->vip() );
-      }
-   }
-   for ( const auto & source : { serverStatus_->probeSrcIp(), serverStatus_->probeSrcIp6() } ) {
-      if ( !source.empty() ) {
-         found.probeSources.push_back( source );
       }
    }
    return found;

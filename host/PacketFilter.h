@@ -48,7 +48,7 @@ class PacketFilter final : public platform::Reactor, private platform::TreeObser
 
    void treeChanged( const platform::Entity & entity, const platform::AttributeInfo & attribute,
          const std::string & key ) override;
-   PacketFilterTargets targets() const;
+   PacketFilterTargets targets();
    void workChoose();
    void commandNext();
    void commandEnded();
@@ -63,6 +63,7 @@ class PacketFilter final : public platform::Reactor, private platform::TreeObser
    const platform::Ptr<platform::TimerTask> task_;
    PacketFilterForm form_ = PacketFilterForm::native;
 
+   std::vector<platform::IpGenAddr> sources_{}; // that probes have had, the latest ones first
    bool installed_ = false;
    PacketFilterTargets applied_{}; // while installed
    std::string failure_{};         // what was told last; empty: all is well

@@ -10,8 +10,9 @@ namespace host {
 
 /// What the packet filter's rules depend on.
 struct PacketFilterTargets {
-   std::set<platform::IpGenAddr> vips;            // of both families, none empty
-   std::vector<platform::IpGenAddr> probeSources; // at most one a family
+   std::set<platform::IpGenAddr> vips; // of both families, none empty
+   /// Of both families, former ones as well: what is left of their probes still meets late answers.
+   std::vector<platform::IpGenAddr> probeSources;
    bool operator==( const PacketFilterTargets & ) const = default;
 };
 

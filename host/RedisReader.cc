@@ -13,23 +13,29 @@ constexpr std::size_t keysAtATime = 256;
 constexpr std::size_t maxUnderWay = 8;
 
 // KEYS are looked at in turn; ARGV: the bounds, then "hash" or "set" for each key. The answer has an array a
-// key: what is in it, or a single text that says why it is not given.
+// key: what is in it, or a single text that says why it is not given. Texts of hashes are cut where they are
+// longer than any that is accepted, so that one of them alone is refused.
 constexpr const char * readScript = R"(
-local maxFields, maxMembers, bytesLeft = tonumber( ARGV[1] ), tonumber( ARGV[2] ), tonumber( ARGV[3] )
-local function bounded( items )
-   local bytes = 0
+local maxFields, maxMembers = tonumber( ARGV[1] ), tonumber( ARGV[2] )
+local maxText, bytesLeft = tonumber( ARGV[3] ), tonumber( ARGV[4] )
+local function fields( items )
+   for i, item in ipairs( items ) do
+      items[i] = string.sub( item, 1, maxText )
+   end
+   return items
+end
+local function members( items )
    for _, item in ipairs( items ) do
-      bytes = bytes + #item
+      bytesLeft = bytesLeft - #item
+      if bytesLeft < 0 or #item > maxText then
+         return 'holds too many bytes'
+      end
    end
-   if bytes > bytesLeft then
-      return 'holds too many bytes'
-   end
-   bytesLeft = bytesLeft - bytes
    return items
 end
 local answers = {}
 for i, key in ipairs( KEYS ) do
-   local wanted, found = ARGV[3 + i], redis.call( 'TYPE', key ).ok
+   local wanted, found = ARGV[4 + i], redis.call( 'TYPE', key ).ok
    if found == 'none' then
       answers[i] = {}
    elseif found ~= wanted then
@@ -38,12 +44,12 @@ for i, key in ipairs( KEYS ) do
       if redis.call( 'HLEN', key ) > maxFields then
          answers[i] = 'has more than ' .. maxFields .. ' fields'
       else
-         answers[i] = bounded( redis.call( 'HGETALL', key ) )
+         answers[i] = fields( redis.call( 'HGETALL', key ) )
       end
    elseif redis.call( 'SCARD', key ) > maxMembers then
       answers[i] = 'has more than ' .. maxMembers .. ' members'
    else
-      answers[i] = bounded( redis.call( 'SMEMBERS', key ) )
+      answers[i] = members( redis.call( 'SMEMBERS', key ) )
    end
 end
 return answers
@@ -92,7 +98,7 @@ void RedisReader::ask() {
       for ( const auto & each : asked ) {
          command.push_back( redisPrefix + each.path );
       }
-      for ( const auto bound : { maxFields, maxMembers, maxBytes } ) {
+      for ( const auto bound : { maxFields, maxMembers, maxTextBytes, maxBytes } ) {
          command.push_back( std::to_string( bound ) );
       }
       for ( const auto & each : asked ) {

@@ -21,7 +21,9 @@ class RedisReader {
    static constexpr std::size_t maxKeys = 400'000;
    static constexpr std::size_t maxMembers = 65'536; // of a set
    static constexpr std::size_t maxFields = 64;      // of a hash
-   static constexpr std::size_t maxBytes = 16 << 20; // of one answer, which has a few hundred keys
+   static constexpr std::size_t maxTextBytes = 8192; // of one value or member; of ours at most 4,096
+   static constexpr std::size_t maxBytes =
+         16 << 20; // of the members in one answer, which has a few hundred keys
 
    /// `done` runs once, never inside this call, and gets why nothing could be read, or an empty text. It may
    /// destroy the reader.

@@ -159,7 +159,7 @@ void RedisStore::connect() {
    greet();
 }
 
-void RedisStore::ended( const std::string & why ) {
+void RedisStore::ended( std::string why ) {
    phase_ = Phase::away;
    reader_ = nullptr;
    link_ = nullptr;
@@ -310,14 +310,14 @@ void RedisStore::ready() {
 }
 
 void RedisStore::beat() {
-   if ( phase_ != Phase::ready && phase_ != Phase::notOwner ) {
+   if ( phase_ == Phase::away ) {
       return;
    }
    if ( ++beatsWithoutAnswer_ > maxBeatsWithoutAnswer ) {
       ended( fmt::format( "no answer for {} s", maxBeatsWithoutAnswer ) );
-      return;
+   } else if ( phase_ != Phase::greeting ) {
+      claim( {} );
    }
-   claim( {} );
 }
 
 // "message", the channel, and the keys; none of them when the whole database was emptied.

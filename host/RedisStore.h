@@ -61,7 +61,7 @@ class RedisStore final : public StateStore {
 
    // RedisStore.cc: connections, lock, heartbeat, what others write
    void connect();
-   void ended( const std::string & why );
+   void ended( std::string why ); // by value: the links, and what they hold, go
    void greet();
    void claim( const std::string & inPlaceOf );
    void claimed( const redisReply & reply, const std::string & inPlaceOf );

@@ -158,6 +158,7 @@ void StateKeeper::entityMark( const std::string & path, const Ptr<const Entity> 
          place.keyed = attribute;
          place.all = true;
          place.after = std::nullopt;
+         std::erase_if( place.keys, []( const auto & each ) { return !each.second; } );
       } else if ( std::ranges::find( place.values, attribute ) == place.values.end() ) {
          place.values.push_back( attribute );
       }

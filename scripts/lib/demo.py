@@ -41,7 +41,7 @@ class Demo:
         for number in self.lab.numbers:
             self.lab.server_start(number)
         say("starting hm-host --packet-filter auto on the switch ...")
-        self.lab.host_start()
+        self.lab.host_start("--state-db", f"sqlite:{WORK}/state.db")
         self.lab.apply(self.lab.groups(timeout=2, retryCount=1))
         self.outside = outside
 
@@ -100,6 +100,10 @@ class Demo:
         for family in FAMILIES:
             wrapped = rf"{source(0, family)}\.(\d+) > {server(2, family)}\.4789: VXLAN.* vni \d+"
             self.right(any(re.search(wrapped, line) for line in lines), f"no wrapped probe to {server(2, family)} seen")
+
+        self.step("hmctl doctor looks for what commonly breaks the path")
+        doctor = self.lab.inside("switch", f"{self.lab.binaries}/hmctl", "-s", self.lab.socket, "doctor")
+        say(f"   {doctor.strip()}")
 
         self.step("s2 is stopped: it goes down, for both addresses, and nobody else does")
         self.lab.server_stop(2)

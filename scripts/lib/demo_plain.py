@@ -201,7 +201,8 @@ class Demo:
                 self.servers[address].start()
         say("starting hm-host with examples/demo.yaml ...")
         self.host = subprocess.Popen([f"{BIN}/hm-host", "--config", f"{ROOT}/examples/demo.yaml",
-                                      "--socket", SOCKET], env={**os.environ, "FLASHLOGDIR": WORK})
+                                      "--socket", SOCKET, "--state-db", f"sqlite:{WORK}/state.db"],
+                                     env={**os.environ, "FLASHLOGDIR": WORK})
         deadline = time.monotonic() + SETTLE_SECONDS
         while hmctl("get", STATUS).returncode != 0:
             if self.host.poll() is not None or time.monotonic() > deadline:

@@ -9,6 +9,7 @@ dependencies_build=(
    libgtest-dev libgmock-dev libbenchmark-dev
 )
 dependencies_demo=( nginx-light openssl python3 procps iproute2 iputils-ping nftables iptables tcpdump )
+dependencies_redis=( redis-server )
 dependencies_test=( clang-format clang libclang-rt-dev llvm tshark redis-server "${dependencies_demo[@]}" )
 dependencies_bench=( haproxy iptables redis-server "${dependencies_demo[@]}" )
 

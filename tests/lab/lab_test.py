@@ -22,10 +22,11 @@ class LabTest(unittest.TestCase):
     """One topology, with every server's nginx and hm-host up, for all tests of a class."""
 
     relay = False
+    interfaces = "kernel"
 
     @classmethod
     def setUpClass(cls):
-        cls.lab = Lab(servers=3, binaries=BIN, relay=cls.relay)
+        cls.lab = Lab(servers=3, binaries=BIN, relay=cls.relay, interfaces=cls.interfaces)
         for number in cls.lab.numbers:
             cls.lab.server_start(number)
         cls.lab.host_start()
@@ -74,10 +75,10 @@ class LabTest(unittest.TestCase):
         self.lab.eventually(lambda: all(asked(number) >= before[number] + count for number in numbers),
                             f"{count} more checks of each server")
 
-    def assert_wrapped(self, packets, tunnel=0):
+    def assert_wrapped(self, packets, tunnels=(0,)):
         """Every packet of a check is in the tunnel to its own server, with that server's mark; { vni: address }."""
         servers, streams = {}, {}
-        ours = {source(tunnel, family) for family in FAMILIES}
+        ours = {source(tunnel, family) for tunnel in tunnels for family in FAMILIES}
         virtual = {vip(number, family) for number in (1, 2) for family in FAMILIES}
         for packet in packets:
             outer, inner = packet.addresses[0], packet.addresses[-1]
@@ -213,6 +214,7 @@ class Path(LabTest):
         for family in FAMILIES:
             # Routed to the first server, which owns the addresses: datagrams in fragments or with options, other
             # addresses, and what a client really wants of a virtual address.
+            self.lab.ping(vip(1, family), 1, "-s", "3000")  # and the client has learnt the MTU of the way
             self.assertEqual(self.lab.ping(vip(1, family), 2, "-s", "3000"), 2)
             self.assertEqual(self.lab.ping(vip(2, family), 2), 2)
             if family == 4:
@@ -271,29 +273,62 @@ class Path(LabTest):
         self.lab.expect(self.lab.states())
 
 
+class Doctor(LabTest):
+    def test_doctor_finds_what_is_wrong_and_nothing_else(self):
+        self.up()
+        self.assertEqual(self.doctor()[0], 0, self.doctor())
+        for what, harm, repair, said in (
+                ("strict filter", "sysctl -qw net.ipv4.conf.to-s2.rp_filter=1 net.ipv4.conf.all.rp_filter=0",
+                 "sysctl -qw net.ipv4.conf.all.rp_filter=2", "reverse-path filter"),
+                ("owned", f"ip addr add {vip(1, 6)}/128 dev lo", f"ip addr del {vip(1, 6)}/128 dev lo",
+                 "interface lo has it"),
+                ("no room", f"ip route replace {vip(0, 4)}/24 via {server(1, 4)}",
+                 f"ip route replace {vip(0, 4)}/24 via {server(1, 4)} mtu 1450", "do not fit"),
+                ("no route", f"ip -6 route del {vip(0, 6)}/64",
+                 f"ip -6 route add {vip(0, 6)}/64 via {server(1, 6)} mtu 1430", "no route to it"),
+                ("bypass", "ip6tables-nft -t mangle -I OUTPUT -p tcp -j NFQUEUE --queue-num 0 --queue-bypass",
+                 "ip6tables-nft -t mangle -D OUTPUT -p tcp -j NFQUEUE --queue-num 0 --queue-bypass", "bypass"),
+                ("unwrapped", "iptables-nft -t mangle -I OUTPUT -p tcp -j ACCEPT",
+                 "iptables-nft -t mangle -D OUTPUT -p tcp -j ACCEPT", "no rule hands marked TCP to queue 0")):
+            with self.subTest(what):
+                self.lab.inside("switch", *harm.split())
+                status, text = self.doctor()
+                self.lab.inside("switch", *repair.split())
+                self.assertEqual(status, 1)
+                self.assertIn(said, text)
+        self.assertEqual(self.doctor()[0], 0, self.doctor())
+
+    def doctor(self):
+        done = subprocess.run(["nsenter", "--net=/run/netns/switch", f"{BIN}/hmctl", "-s", self.lab.socket, "doctor"],
+                              text=True, capture_output=True, timeout=PATIENCE_SECONDS, check=False)
+        return done.returncode, done.stdout
+
+
 class Source(LabTest):
+    # Until the engine has been told of a new source, checks still come from the former one and are dropped: some 5 s.
+    probe = {"timeout": 2, "retryCount": 3}
+
     def test_moving_the_tunnel_source(self):
-        # Until the engine has been told, checks still come from the former address and are dropped: some 5 s.
-        self.up(timeout=3, retryCount=3)
+        self.up(**self.probe)
+        capture = Capture(self.lab, "moving")
         with self.unchanged():
             self.lab.told("set", PROBE_CONFIG, "localTunnelIntf", "tunnel1")
             self.lab.eventually(lambda: all((source(1, family), vip(1, family)) in self.lab.served(number)
                                             for number in self.lab.numbers for family in FAMILIES), "the new source")
             self.rules_eventually(source(1, 6))
-            self.assertNotIn(source(0, 6), self.rules())
-            capture = Capture(self.lab, "moved")
             self.more_served(3)
-        self.assert_wrapped(capture.packets(), tunnel=1)
+        self.assert_wrapped(capture.packets(), tunnels=(0, 1))
 
     def test_an_ambiguous_or_missing_source(self):
-        self.up()
+        self.up(**self.probe)
         with SystemLog() as log:
-            two = {"intf": {"tunnel0": {"addr": [f"{source(0, 6)}/128", "fd00:255::99/128", "fe80::1/64"]}}}
-            self.lab.told("apply", "-", input=json.dumps({"ip6/status": two}))
+            self.lab.ip("switch", "addr add fd00:255::99/128 dev tunnel0")
             self.lab.expect({key: UP if key[0] == "web4" else DOWN for key in self.lab.states()})
             self.assertIn("HEALTH_MONITOR_INVALID_IPV6_TUNNEL_ADDRESS: IPv6 tunnel address configuration is being "
                           "ignored due to multiple IPv6 addresses on tunnel0.", log.text())
         self.assertEqual((self.lab.ping(vip(1, 4)), self.lab.ping(vip(1, 6))), (1, 0))
+        self.lab.ip("switch", "addr del fd00:255::99/128 dev tunnel0")
+        self.lab.expect(self.lab.states())
 
         self.lab.told("set", PROBE_CONFIG, "localTunnelIntf", "")
         self.lab.expect(self.lab.states(down=self.lab.numbers))
@@ -301,7 +336,38 @@ class Source(LabTest):
         self.assertEqual((self.lab.ping(vip(1, 4)), self.lab.ping(vip(1, 6))), (0, 0))
         packets = capture.packets()
         self.assertFalse([packet for packet in packets if packet.tcp or packet.vni is not None])
+        self.up(**self.probe)
+
+    def test_the_address_of_the_tunnel_interface_changes(self):
+        self.up(**self.probe)
+        with self.unchanged():
+            for family in FAMILIES:
+                length = 32 if family == 4 else 128
+                self.lab.ip("switch", f"addr del {source(1, family)}/{length} dev tunnel1",
+                            f"addr del {source(0, family)}/{length} dev tunnel0",
+                            f"addr add {source(1, family)}/{length} dev tunnel0")
+            self.lab.eventually(lambda: all((source(1, family), vip(1, family)) in self.lab.served(number)
+                                            for number in self.lab.numbers for family in FAMILIES), "the new source")
+        for family in FAMILIES:
+            length = 32 if family == 4 else 128
+            self.lab.ip("switch", f"addr del {source(1, family)}/{length} dev tunnel0",
+                        f"addr add {source(0, family)}/{length} dev tunnel0",
+                        f"addr add {source(1, family)}/{length} dev tunnel1")
+
+
+class Configured(LabTest):
+    interfaces = "config"
+
+    def test_interfaces_of_the_configuration(self):
+        """The switch's interfaces as another subsystem of it reports them."""
+        def addresses(*more):
+            listed = [f"{address}/128" for address in (source(0, 6), *more)]
+            self.lab.told("apply", "-", input=json.dumps({"ip6/status": {"intf": {"tunnel0": {"addr": listed}}}}))
         self.up()
+        addresses("fd00:255::99")
+        self.lab.expect({key: UP if key[0] == "web4" else DOWN for key in self.lab.states()})
+        addresses("fe80::1")
+        self.lab.expect(self.lab.states())
 
 
 class Wire(LabTest):

@@ -88,7 +88,9 @@ def isolate():
 class Lab:
     """The topology, the servers' nginx and, once started, hm-host on the switch. After isolate(), once."""
 
-    def __init__(self, servers=2, binaries=os.path.join(ROOT, "build", "bin"), home=None, relay=False):
+    def __init__(self, servers=2, binaries=os.path.join(ROOT, "build", "bin"), home=None, relay=False,
+                 interfaces="kernel"):
+        self.interfaces = interfaces  # where hm-host has the addresses of the switch from
         self.numbers = range(1, servers + 1)
         self.binaries = binaries
         self.home = home or tempfile.mkdtemp(prefix="hm-lab-")
@@ -109,6 +111,7 @@ class Lab:
         self.sysctl("switch", "net.ipv4.ip_forward=1", "net.ipv6.conf.all.forwarding=1",
                     # Answers come from the virtual address, over whatever link: strict filtering would drop them.
                     "net.ipv4.conf.all.rp_filter=2", "net.ipv4.conf.default.rp_filter=2")
+        self.ip("switch", f"link add bridge0 address {BRIDGE_MAC} type bridge", "link set bridge0 up")
         for number in (0, 1):
             # A pair with both ends here stands for a loopback interface of its own.
             self.ip("switch", f"link add tunnel{number} type veth peer name tunnel{number}p",
@@ -120,9 +123,9 @@ class Lab:
             self.connect(f"s{number}", f"10.1.{number}", f"fd00:1:{number}:", relay)
             self.server_build(f"s{number}")
         # Ordinary traffic for the virtual addresses goes to the first server. A probe that is not wrapped would as
-        # well, whoever it was meant for.
-        self.ip("switch", f"route add {vip(0, 4)}/24 via {server(1, 4)}",
-                f"-6 route add {vip(0, 6)}/64 via {server(1, 6)}")
+        # well, whoever it was meant for. The tunnel takes its room from the links to the servers.
+        self.ip("switch", f"route add {vip(0, 4)}/24 via {server(1, 4)} mtu 1450",
+                f"-6 route add {vip(0, 6)}/64 via {server(1, 6)} mtu 1430")
         if relay:
             self.relay_start()
 
@@ -221,8 +224,9 @@ http {{
     def host_start(self, *options, packet_filter="auto"):
         environment = {**os.environ, "FLASHLOGDIR": self.home}
         self.log = open(f"{self.home}/host.log", "a+", encoding="utf-8")
-        self.host = self.start("switch", f"{self.binaries}/hm-host", "--socket", self.socket, "--packet-filter",
-                               packet_filter, *options, env=environment, stderr=self.log)
+        self.host = self.start("switch", f"{self.binaries}/hm-host", "--socket", self.socket,
+                               "--packet-filter", packet_filter, "--interfaces", self.interfaces, *options,
+                               env=environment, stderr=self.log)
         self.eventually(lambda: self.hmctl("get", STATUS).returncode == 0, "hm-host answers")
 
     def host_stop(self, how=signal.SIGTERM):
@@ -247,14 +251,17 @@ http {{
         """groups: name -> (list of servers, probe settings)"""
         probes = {name: {"timeout": 2, "retryCount": 1, "probeInterval": 0.5, **probe}
                   for name, (_, probe) in groups.items()}
-        return {
-            PROBE_CONFIG: {"monitoringEnabled": True, "nhgProbeConfig": probes, "localTunnelIntf": "tunnel0",
-                           "encapDstMac": SERVER_MAC, "encapUdpDstPort": VXLAN_PORT, **settings},
-            SERVER_CONFIG: {"nhgConfig": {name: {"serverIp": servers} for name, (servers, _) in groups.items()}},
+        addresses = {
             "bridging/config": {"bridgeMac": BRIDGE_MAC},
             "ip/status": {"ipIntfStatus": {f"tunnel{each}": {"ipAddr": source(each, 4)} for each in (0, 1)}},
             "ip6/status": {"intf": {f"tunnel{each}": {"addr": [f"{source(each, 6)}/128", "fe80::1/64"]}
                                     for each in (0, 1)}},
+        }
+        return {
+            PROBE_CONFIG: {"monitoringEnabled": True, "nhgProbeConfig": probes, "localTunnelIntf": "tunnel0",
+                           "encapDstMac": SERVER_MAC, "encapUdpDstPort": VXLAN_PORT, **settings},
+            SERVER_CONFIG: {"nhgConfig": {name: {"serverIp": servers} for name, (servers, _) in groups.items()}},
+            **(addresses if self.interfaces == "config" else {}),
         }
 
     def groups(self, number=1, **probe):

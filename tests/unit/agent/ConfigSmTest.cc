@@ -48,6 +48,31 @@ TEST_F( Monitoring, StartDropsPublishedStatusThatTheConfigurationNoLongerAsksFor
    EXPECT_EQ( engine.marks.size(), 1u );
 }
 
+// Else a server with both kinds of check would go down with the first answer after a restart.
+TEST_F( Monitoring, StartTakesWhatWasPublishedForWhatEachKindOfCheckSaw ) {
+   web( "a", { "10.0.0.1", "10.0.0.2" } );
+   const auto kept = serverStatus->nhgProbeStatusIs( "a" )->serverProbeStatusIs( ip( "10.0.0.1" ) );
+   kept->operStateIs( HmState::ServerOperState::up );
+   kept->adminStateIs( HmState::ServerAdminState::shutdown );
+   kept->weightIs( 7 );
+   probeConfig->monitoringEnabledIs( true );
+   startAgent();
+   const auto look = [this]( const Ptr<HmState::NexthopGroupProbeStatus> & group, const char * server ) {
+      const auto status = group->serverProbeStatus( ip( server ) );
+      return std::tuple( status->operState(), status->adminState(), status->weight() );
+   };
+   using enum HmState::ServerOperState;
+   for ( const auto & view : { commonData->httpProbeStatus( "a" ), commonData->tcpProbeStatus( "a" ),
+               serverStatus->nhgProbeStatus( "a" ) } ) {
+      EXPECT_EQ( look( view, "10.0.0.1" ), std::tuple( up, HmState::ServerAdminState::shutdown, 7 ) );
+      EXPECT_EQ( look( view, "10.0.0.2" ), std::tuple( down, HmState::ServerAdminState::enabled, 0 ) );
+   }
+   // What is published later is no view of a kind of check.
+   kept->operStateIs( down );
+   configSm->createProbeStatus( "a", ip( "10.0.0.1" ) );
+   EXPECT_EQ( commonData->httpProbeStatus( "a" )->serverProbeStatus( ip( "10.0.0.1" ) )->operState(), up );
+}
+
 TEST_F( Monitoring, StartWithMonitoringOffWithdrawsWhatWasPublishedAndTellsTheEngineNothing ) {
    web( "web", { "10.1.1.1" } );
    serverStatus->monitoringEnabledIs( true );

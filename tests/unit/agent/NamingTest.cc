@@ -1,5 +1,10 @@
 #include "HealthMonitor/HmUtils.h"
 
+#include "HealthMonitor/HmCommonData.h"
+
+#include <fstream>
+#include <regex>
+
 #include <gmock/gmock.h>
 
 namespace {
@@ -61,6 +66,22 @@ TEST( IpNhgPairs, AreOrderedByAddressThenName ) {
    EXPECT_EQ( std::hash<IpNhgPair>{}( low ), std::hash<IpNhgPair>{}( { "b", ip( "10.0.0.1" ) } ) );
    EXPECT_FALSE( IpNhgPair{} );
    EXPECT_TRUE( ( IpNhgPair{ "a", {} } ) );
+}
+
+// docs/state.md has what others find of the counters, with units.
+TEST( Counters, AreInTheReference ) {
+   std::ifstream file( HM_SOURCE_DIR "/docs/state.md" );
+   std::vector<std::string> documented, described;
+   const std::regex row( R"(\| `((num|last|next)\w+)` \|.*\| .+ \|)" );
+   for ( std::string line; std::getline( file, line ); ) {
+      if ( std::smatch match; std::regex_match( line, match, row ) ) {
+         documented.push_back( match.str( 1 ) );
+      }
+   }
+   for ( const auto * attribute : ProbeTypeCounters::entityType().attributes() ) {
+      described.push_back( attribute->name() );
+   }
+   EXPECT_EQ( documented, described );
 }
 
 } // namespace

@@ -1,9 +1,11 @@
 #include "host/Document.h"
+#include "host/StoredState.h"
 #include "platform/state/Profile.h"
 #include "tests/unit/host/TestState.h"
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <regex>
 #include <set>
@@ -42,6 +44,10 @@ class Reference : public StateTest {
       }
    }
 
+   static std::string placeholder( const CollectionInfo & collection ) {
+      const auto key = collection.keyTypeName();
+      return key == "interface name" ? "/INTERFACE" : key == "IP address" ? "/ADDRESS" : "/NAME";
+   }
    void compare( const EntityType & type, const std::string & path ) {
       for ( const auto * attribute : type.attributes() ) {
          const auto name = path + "/" + attribute->name();
@@ -53,10 +59,7 @@ class Reference : public StateTest {
             compare( child->childType(), name );
          } else if ( const auto * collection = attribute->collection() ) {
             EXPECT_EQ( row.type, "collection by " + collection->keyTypeName() ) << name;
-            const auto key = collection->keyTypeName();
-            compare( collection->entryType(), name + ( key == "interface name"   ? "/INTERFACE"
-                                                           : key == "IP address" ? "/ADDRESS"
-                                                                                 : "/NAME" ) );
+            compare( collection->entryType(), name + placeholder( *collection ) );
          } else if ( const auto * set = attribute->set() ) {
             EXPECT_EQ( row.type, "set of " + set->keyTypeName() ) << name;
          } else {
@@ -100,6 +103,40 @@ TEST_F( Reference, SaysWhatTheEntitiesSay ) {
    for ( const auto & [name, row] : documented ) {
       ADD_FAILURE() << name << " is in the reference and is no attribute";
    }
+}
+
+/// docs/state.md: the keys of a store that others read, against the same descriptions.
+TEST_F( Reference, SaysWhichKeysThereAre ) {
+   std::ifstream file( HM_SOURCE_DIR "/docs/state.md" );
+   std::map<std::string, std::string> keys;
+   const std::regex row( R"(\| `([\w/]+)` \| (hash|set) \| .+ \|)" );
+   for ( std::string line; std::getline( file, line ); ) {
+      std::smatch match;
+      if ( std::regex_match( line, match, row ) ) {
+         EXPECT_TRUE( keys.emplace( match.str( 1 ), match.str( 2 ) ).second ) << line;
+      }
+   }
+   std::map<std::string, std::string> described;
+   const std::function<void( const EntityType &, const std::string & )> walk = [&]( const auto & type,
+                                                                                     const auto & path ) {
+      for ( const auto * attribute : type.attributes() ) {
+         const auto below = path + "/" + attribute->name();
+         if ( attribute->scalar() ) {
+            described[path] = "hash";
+         } else if ( const auto * child = attribute->child() ) {
+            walk( child->childType(), below );
+         } else {
+            described[below] = "set";
+         }
+         if ( const auto * collection = attribute->collection() ) {
+            walk( collection->entryType(), below + placeholder( *collection ) );
+         }
+      }
+   };
+   for ( const auto & root : storedRoots( *manager, *schema ) ) {
+      walk( *root.type, root.path );
+   }
+   EXPECT_EQ( keys, described );
 }
 
 TEST_F( Reference, ExamplesAreAccepted ) {

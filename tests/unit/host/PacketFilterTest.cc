@@ -210,6 +210,10 @@ TEST_F( PacketFilterTest, FollowsVirtualAddressesAndSourcesInOneGo ) {
    pass( Seconds( 1 ) );
    ASSERT_TRUE( idle() );
    EXPECT_THAT( log(), HasSubstr( "sources4 { 10.255.0.1 }" ) );
+   published->probeSrcIpIs( address( "10.255.0.2" ) ); // late answers to the former one still come
+   pass( Seconds( 1 ) );
+   ASSERT_TRUE( idle() );
+   EXPECT_THAT( log(), HasSubstr( "sources4 { 10.255.0.2, 10.255.0.1 }" ) );
    published->probeSrcIp6Is( address( "fd00:255::1" ) );
    pass( Seconds( 1 ) );
    ASSERT_TRUE( idle() );
