@@ -59,8 +59,8 @@ class Wired {
 /// "HealthMonitor", and wires shared data, queues and reactors once they stand. Main thread only; the queues
 /// lead to the command thread and to the engine's threads.
 ///
-/// The engine is not torn down with the agent: it goes on until the process ends, and the library must stay
-/// loaded as long.
+/// The engine is not torn down with the agent: without checks it stays until the process ends, and the
+/// library must stay loaded as long.
 class HmAgent : public Agent {
  public:
    explicit HmAgent( std::string name ) : Agent( std::move( name ) ) {}

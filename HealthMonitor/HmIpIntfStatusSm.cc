@@ -22,10 +22,10 @@ IpGenAddr ipv4AddressOf( const Ip::Status & ipStatus, const IntfId & intfId ) {
 } // namespace
 
 NestedSm_IpIntfStatus::NestedSm_IpIntfStatus(
-      IntfId intfId, Ptr<const Ip::IntfStatus> status, IpIntfStatusSm & parent )
+      IntfId intfId, Ptr<const Ip::IpIntfStatus> status, IpIntfStatusSm & parent )
       : intfId_( std::move( intfId ) ),
         parent_( parent ) {
-   watch( status, Ip::IntfStatus::ipAddrAttr(), [this] { handleIpIntfStatusChange(); } );
+   watch( status, Ip::IpIntfStatus::ipAddrAttr(), [this] { handleIpIntfStatusChange(); } );
 }
 
 void NestedSm_IpIntfStatus::handleInitialized() {

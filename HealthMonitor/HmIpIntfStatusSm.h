@@ -11,7 +11,7 @@ class IpIntfStatusSm;
 /// The IPv4 address of one interface. Nested in IpIntfStatusSm, which outlives it.
 class NestedSm_IpIntfStatus : public Reactor {
  public:
-   NestedSm_IpIntfStatus( IntfId intfId, Ptr<const Ip::IntfStatus> status, IpIntfStatusSm & parent );
+   NestedSm_IpIntfStatus( IntfId intfId, Ptr<const Ip::IpIntfStatus> status, IpIntfStatusSm & parent );
    const IntfId & intfId() const { return intfId_; }
 
    void handleInitialized();

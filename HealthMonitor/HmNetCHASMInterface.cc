@@ -161,6 +161,15 @@ void NetCHASMInterface::notificationsEnabledIs( bool enabled ) {
    }
 }
 
+void NetCHASMInterface::doCleanup() {
+   HM_TRACE( 9, "" );
+   // The rules that keep a probe's packets off the wire may go after the agent. Connections that the kernel
+   // closes for the process as it ends would send their resets past them, unwrapped.
+   if ( auto * const engine = netChasmStateMgr() ) {
+      engine->dropHosts();
+   }
+}
+
 void NetCHASMInterface::initializeHmStorage() {
    HM_TRACE( 9, "" );
    netChasmStateMgr()->registerStorageObserver(

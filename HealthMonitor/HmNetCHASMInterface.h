@@ -47,7 +47,7 @@ class NetCHASMCmdThread final : public EventLoopThread {
 /// that are queued have been executed or when none is in hand.
 ///
 /// There is one engine a process, made by the first `init` command. It is never torn down: it, its threads
-/// and the adapters that it calls go on until the process ends.
+/// and the adapters that it calls stay until the process ends, without a check from doCleanup() on.
 class NetCHASMInterface final : public Reactor {
  public:
    static constexpr std::int32_t initialTraceLevel = 3;
@@ -59,6 +59,8 @@ class NetCHASMInterface final : public Reactor {
    void handleInitialized();
    bool initialized() const { return initialized_; }
    void notificationsEnabledIs( bool enabled ) override;
+   /// Ends every check, once the command thread has ended.
+   void doCleanup();
 
    /// Null until the engine is there. Written once, by the command thread; any thread.
    HMStateManager * netChasmStateMgr() const { return netChasmStateMgr_.load( std::memory_order_acquire ); }

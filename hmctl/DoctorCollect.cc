@@ -188,6 +188,7 @@ void routeFactsRead( const std::string & ipJsonLines, DoctorFacts & facts ) {
             for ( const auto & metric : each.value( "metrics", Json::array() ) ) {
                route.mtu = metric.value( "mtu", route.mtu );
             }
+            route.gateway = each.value( "gateway", std::string{} );
             if ( !address.empty() && !route.device.empty() && ( type == "unicast" || type == "local" ) ) {
                routes.emplace( address, route );
             }

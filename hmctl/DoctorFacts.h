@@ -28,6 +28,7 @@ struct LocalLink {
 struct Route {
    std::string device{};
    unsigned mtu = 0; // of its own; 0: the device's
+   std::string gateway{};
 };
 
 /// A line of /proc/net/netfilter/nfnetlink_queue. What was lost counts from when the program bound the queue.

@@ -234,7 +234,8 @@ class Judge {
             }
          }
       }
-      const auto inner = toVip ? mtuOf( *toVip ) : 0;
+      // What the machine itself has is routed to itself as long as that is so.
+      const auto inner = toVip && !facts_.localAddresses.contains( vip ) ? mtuOf( *toVip ) : 0;
       const auto more = overhead( vip );
       if ( inner != 0 && !device.empty() && inner + more > least ) {
          addOfVip( vip,
@@ -242,8 +243,9 @@ class Judge {
                      "a probe's packet may have {} bytes, which with {} more do not fit through {} (MTU {}): "
                      "longer requests are lost silently",
                      inner, more, device, least ),
-               fmt::format( "give the route an MTU: {} route replace VIP dev {} mtu {}", ipCommand( vip ),
-                     toVip->device, least - std::min( least, more ) ) );
+               fmt::format( "give the route an MTU: {} route replace VIP {}dev {} mtu {}", ipCommand( vip ),
+                     toVip->gateway.empty() ? "" : fmt::format( "via {} ", toVip->gateway ), toVip->device,
+                     least - std::min( least, more ) ) );
       }
    }
 

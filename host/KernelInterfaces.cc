@@ -237,7 +237,7 @@ void KernelInterfaces::publish( const std::string & name ) {
    } else if ( const auto status = ipStatus_->ipIntfStatus( intf ) ) {
       status->ipAddrIs( ipv4 );
    } else {
-      const Ptr<Ip::IntfStatus> added = new Ip::IntfStatus();
+      const Ptr<Ip::IpIntfStatus> added = new Ip::IpIntfStatus();
       added->ipAddrIs( ipv4 );
       ipStatus_->ipIntfStatusInsert( intf, added );
    }

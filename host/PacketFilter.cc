@@ -116,7 +116,7 @@ void PacketFilter::workChoose() {
       commands_ = packetFilter::update( form_, applying_ );
    } else {
       work_ = Work::look;
-      commands_ = packetFilter::look( form_ );
+      commands_ = packetFilter::look( form_, applied_ );
    }
    nextCommand_ = 0;
    commandNext();

@@ -28,7 +28,7 @@ table inet {0} {{
    }}
    chain prerouting {{
       type filter hook prerouting priority mangle; policy accept;
-      ip daddr @vips4 ip protocol icmp ip frag-off & 0x3fff == 0 icmp type echo-request counter queue to 0 comment "pings, which the agent answers"
+      ip daddr @vips4 ip protocol icmp ip hdrlength 5 ip frag-off & 0x3fff == 0 icmp type echo-request counter queue to 0 comment "pings, which the agent answers"
       ip6 daddr @vips6 ip6 nexthdr ipv6-icmp icmpv6 type echo-request counter queue to 0 comment "pings, which the agent answers"
    }}
 }}
@@ -66,8 +66,26 @@ PacketFilterCommand nft( std::string input ) {
 // The older form: chains of our own below the built-in ones. Those below OUT and IN list the virtual
 // addresses and are entered by the few packets only that may be meant for one.
 
-constexpr const char * outHook = "OUTPUT -j HEALTH-MONITOR-OUT";
-constexpr const char * inHook = "PREROUTING -j HEALTH-MONITOR-IN";
+using Words = std::vector<std::string>;
+
+const Words outHook{ "OUTPUT", "-j", "HEALTH-MONITOR-OUT" };
+const Words inHook{ "PREROUTING", "-j", "HEALTH-MONITOR-IN" };
+const Words probeRule{ "HEALTH-MONITOR-OUT", "-p", "tcp", "-m", "mark", "!", "--mark", "0x0/0x3fff", "-m",
+      "mark", "--mark", "0x0/0xffffc000", "-m", "comment", "--comment",
+      "probes, which the agent wraps for their servers", "-j", "NFQUEUE", "--queue-num", "0" };
+// The matches on bytes keep out fragments, and what hides behind IPv4 options and IPv6 extension headers.
+const Words echoRule4{ "HEALTH-MONITOR-IN", "-p", "icmp", "-m", "u32", "--u32", "0>>24&0xF=5&&4&0x3FFF=0",
+      "-m", "icmp", "--icmp-type", "echo-request", "-m", "comment", "--comment",
+      "pings, which the agent answers", "-j", "HEALTH-MONITOR-ECHO" };
+const Words echoRule6{ "HEALTH-MONITOR-IN", "-p", "ipv6-icmp", "-m", "u32", "--u32", "4>>8&0xFF=58", "-m",
+      "icmp6", "--icmpv6-type", "echo-request", "-m", "comment", "--comment",
+      "pings, which the agent answers", "-j", "HEALTH-MONITOR-ECHO" };
+Words strayDrop( const std::string & vip ) {
+   return { "HEALTH-MONITOR-STRAY", "-d", vip, "-j", "DROP" };
+}
+Words echoToQueue( const std::string & vip ) {
+   return { "HEALTH-MONITOR-ECHO", "-d", vip, "-j", "NFQUEUE", "--queue-num", "0" };
+}
 constexpr const char * chains = ":HEALTH-MONITOR-OUT - [0:0]\n:HEALTH-MONITOR-STRAY - [0:0]\n"
                                 ":HEALTH-MONITOR-IN - [0:0]\n:HEALTH-MONITOR-ECHO - [0:0]\n";
 constexpr bool bothFamilies[] = { false, true };
@@ -76,11 +94,19 @@ std::string program( bool ipv6, const char * suffix = "" ) {
    return fmt::format( "ip{}tables-nft{}", ipv6 ? "6" : "", suffix );
 }
 
-PacketFilterCommand hookCommand( bool ipv6, const char * what, const char * hook ) {
-   const std::string_view words( hook );
-   const auto blank = words.find( ' ' ), last = words.rfind( ' ' );
-   return { { program( ipv6 ), "-w", "-t", "mangle", what, std::string( words.substr( 0, blank ) ), "-j",
-         std::string( words.substr( last + 1 ) ) } };
+PacketFilterCommand ruleCommand( bool ipv6, const char * what, const Words & rule ) {
+   PacketFilterCommand command{ { program( ipv6 ), "-w", "-t", "mangle", what } };
+   command.arguments.insert( command.arguments.end(), rule.begin(), rule.end() );
+   return command;
+}
+
+/// A rule as restore() reads it.
+std::string line( const char * what, const Words & rule ) {
+   std::string text = what;
+   for ( const auto & word : rule ) {
+      text += word.find( ' ' ) == word.npos ? " " + word : " \"" + word + '"';
+   }
+   return text + '\n';
 }
 
 /// All or nothing; naming a chain empties it, or makes it.
@@ -90,24 +116,15 @@ PacketFilterCommand restore( bool ipv6, const std::string & lines ) {
 }
 
 std::string xtablesRules( bool ipv6, const PacketFilterTargets & targets ) {
-   std::string text = "-A HEALTH-MONITOR-OUT -p tcp -m mark ! --mark 0x0/0x3fff -m mark --mark 0x0/0xffffc000"
-                      " -m comment --comment \"probes, which the agent wraps for their servers\" -j NFQUEUE "
-                      "--queue-num 0\n";
+   std::string text = line( "-A", probeRule );
    for ( const auto & source : ofFamily( targets.probeSources, ipv6 ) ) {
-      text += fmt::format(
-            "-A HEALTH-MONITOR-OUT -s {} -p tcp -m mark --mark 0x0"
-            " -m comment --comment \"left over from probes that are gone\" -j HEALTH-MONITOR-STRAY\n",
-            source );
+      text += line( "-A",
+            { "HEALTH-MONITOR-OUT", "-s", source, "-p", "tcp", "-m", "mark", "--mark", "0x0", "-m", "comment",
+                  "--comment", "left over from probes that are gone", "-j", "HEALTH-MONITOR-STRAY" } );
    }
-   // The matches on bytes keep out fragments, and what hides behind extension headers.
-   text += ipv6 ? "-A HEALTH-MONITOR-IN -p ipv6-icmp -m u32 --u32 \"4>>8&0xFF=58\" -m icmp6 --icmpv6-type "
-                  "echo-request"
-                : "-A HEALTH-MONITOR-IN -p icmp -m u32 --u32 \"4&0x3FFF=0\" -m icmp --icmp-type echo-request";
-   text += " -m comment --comment \"pings, which the agent answers\" -j HEALTH-MONITOR-ECHO\n";
+   text += line( "-A", ipv6 ? echoRule6 : echoRule4 );
    for ( const auto & vip : ofFamily( targets.vips, ipv6 ) ) {
-      text += fmt::format( "-A HEALTH-MONITOR-STRAY -d {0} -j DROP\n"
-                           "-A HEALTH-MONITOR-ECHO -d {0} -j NFQUEUE --queue-num 0\n",
-            vip );
+      text += line( "-A", strayDrop( vip ) ) + line( "-A", echoToQueue( vip ) );
    }
    return text;
 }
@@ -127,8 +144,8 @@ PacketFilterCommands install( PacketFilterForm form, const PacketFilterTargets &
    }
    auto commands = remove( form );
    for ( const bool ipv6 : bothFamilies ) {
-      commands.push_back( restore(
-            ipv6, xtablesRules( ipv6, targets ) + fmt::format( "-I {}\n-I {}\n", outHook, inHook ) ) );
+      commands.push_back(
+            restore( ipv6, xtablesRules( ipv6, targets ) + line( "-I", outHook ) + line( "-I", inHook ) ) );
    }
    return commands;
 }
@@ -144,14 +161,24 @@ PacketFilterCommands update( PacketFilterForm form, const PacketFilterTargets & 
    return commands;
 }
 
-PacketFilterCommands look( PacketFilterForm form ) {
-   if ( form == PacketFilterForm::native ) {
-      return { { { "nft", "list", "chain", "inet", table, "output" } } };
-   }
+PacketFilterCommands look( PacketFilterForm form, const PacketFilterTargets & targets ) {
    PacketFilterCommands commands;
    for ( const bool ipv6 : bothFamilies ) {
-      for ( const auto * hook : { outHook, inHook } ) {
-         commands.push_back( hookCommand( ipv6, "-C", hook ) );
+      const auto vips = ofFamily( targets.vips, ipv6 );
+      if ( form == PacketFilterForm::native ) {
+         commands.push_back( { { "nft", "list", "chain", "inet", table, ipv6 ? "prerouting" : "output" } } );
+         if ( !vips.empty() ) {
+            commands.push_back( { { "nft", "get", "element", "inet", table, ipv6 ? "vips6" : "vips4",
+                  "{ " + vips.back() + " }" } } );
+         }
+         continue;
+      }
+      for ( const auto & rule : { outHook, inHook, probeRule, ipv6 ? echoRule6 : echoRule4 } ) {
+         commands.push_back( ruleCommand( ipv6, "-C", rule ) );
+      }
+      if ( !vips.empty() ) {
+         commands.push_back( ruleCommand( ipv6, "-C", strayDrop( vips.back() ) ) );
+         commands.push_back( ruleCommand( ipv6, "-C", echoToQueue( vips.back() ) ) );
       }
    }
    return commands;
@@ -163,8 +190,8 @@ PacketFilterCommands remove( PacketFilterForm form ) {
    }
    PacketFilterCommands commands;
    for ( const bool ipv6 : bothFamilies ) {
-      for ( const auto * hook : { outHook, inHook } ) {
-         commands.push_back( hookCommand( ipv6, "-D", hook ) );
+      for ( const auto & hook : { outHook, inHook } ) {
+         commands.push_back( ruleCommand( ipv6, "-D", hook ) );
          commands.back().mayFail = true;
       }
       commands.push_back( restore( ipv6, "-X HEALTH-MONITOR-OUT\n-X HEALTH-MONITOR-STRAY\n"

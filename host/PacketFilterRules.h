@@ -39,7 +39,8 @@ using PacketFilterCommands = std::vector<PacketFilterCommand>;
 ///     unmarked TCP from a probe source to a VIP   dropped: it belongs to a probe that is gone
 ///     arriving echo requests to a VIP             to queue 0, where the agent answers
 ///
-/// Fragments, and IPv6 echo requests behind extension headers, are none of these. Nothing is ever let through
+/// Fragments, and echo requests behind IPv4 options or IPv6 extension headers, are none of these: the agent
+/// reads and writes plain headers. Nothing is ever let through
 /// because the queue is full or not served: a probe that is not wrapped would reach the wrong server.
 namespace packetFilter {
 
@@ -51,8 +52,8 @@ PacketFilterCommand nativeTry();
 PacketFilterCommands install( PacketFilterForm form, const PacketFilterTargets & targets );
 /// Brings rules that stand to the targets.
 PacketFilterCommands update( PacketFilterForm form, const PacketFilterTargets & targets );
-/// Succeeds while the rules stand.
-PacketFilterCommands look( PacketFilterForm form );
+/// Succeeds while the rules stand, as far as a look at one of each kind tells.
+PacketFilterCommands look( PacketFilterForm form, const PacketFilterTargets & targets );
 /// Takes the rules away and leaves every other one alone.
 PacketFilterCommands remove( PacketFilterForm form );
 

@@ -91,6 +91,12 @@ bool Engine::reload( const std::string & masterPath ) {
    return true;
 }
 
+void Engine::dropHosts() {
+   const std::lock_guard lock{ mutex_ };
+   if ( started_ )
+      apply( {} );
+}
+
 bool Engine::load( const std::string & masterPath, Config & config ) {
    std::string error;
    auto loaded = loadConfig( masterPath, error );

@@ -31,6 +31,7 @@ class Engine {
    void observerIs( std::shared_ptr< HMStorageObserver > observer );
    [[nodiscard]] bool start( const std::string & masterPath, int logLevel, bool startChecking );
    [[nodiscard]] bool reload( const std::string & masterPath );
+   void dropHosts();
    [[nodiscard]] bool addAddresses( const std::string & host, const std::set< HMIPAddress > & addresses );
    [[nodiscard]] bool removeAddresses( const std::string & host, const std::set< HMIPAddress > & addresses );
    [[nodiscard]] bool setMark(

@@ -23,6 +23,10 @@ bool HMStateManager::reloadDaemonConfigs( std::string masterConfigPath ) {
    return engine_->reload( masterConfigPath );
 }
 
+void HMStateManager::dropHosts() {
+   engine_->dropHosts();
+}
+
 bool HMStateManager::addStaticDNSAddress(
       const std::string & hostName, const std::set< HMIPAddress > & addresses ) {
    return engine_->addAddresses( hostName, addresses );

@@ -2,7 +2,7 @@
 
 namespace Ip {
 
-HM_ENTITY_TYPE( IntfStatus )
+HM_ENTITY_TYPE( IpIntfStatus )
 HM_ENTITY_TYPE( Status )
 
 platform::Refusal ipv4Check( const platform::IpGenAddr & address ) {

@@ -7,15 +7,15 @@ namespace Ip {
 
 platform::Refusal ipv4Check( const platform::IpGenAddr & address ); // IPv4 or none
 
-class IntfStatus : public platform::Entity {
-   HM_ENTITY( IntfStatus )
+class IpIntfStatus : public platform::Entity {
+   HM_ENTITY( IpIntfStatus )
    HM_ATTRIBUTE_CHECKED(
          platform::IpGenAddr, ipAddr, ipv4Check ) // the interface's primary address; empty: none
 };
 
 class Status : public platform::Entity {
    HM_ENTITY( Status )
-   HM_COLLECTION( platform::IntfId, IntfStatus, ipIntfStatus )
+   HM_COLLECTION( platform::IntfId, IpIntfStatus, ipIntfStatus )
 };
 
 } // namespace Ip

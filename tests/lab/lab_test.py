@@ -212,11 +212,13 @@ class Path(LabTest):
         self.up()
         before = self.replied()
         for family in FAMILIES:
-            # Routed to the first server, which owns the addresses: datagrams in fragments, other addresses, and what a
-            # client really wants of a virtual address.
+            # Routed to the first server, which owns the addresses: datagrams in fragments or with options, other
+            # addresses, and what a client really wants of a virtual address.
             self.lab.ping(vip(1, family), 1, "-s", "3000")  # and the client has learnt the MTU of the way
             self.assertEqual(self.lab.ping(vip(1, family), 2, "-s", "3000"), 2)
             self.assertEqual(self.lab.ping(vip(2, family), 2), 2)
+            if family == 4:
+                self.assertEqual(self.lab.ping(vip(1, 4), 2, "-R"), 2)
             with socket_in(self.lab, "client", family) as client:
                 client.settimeout(PATIENCE_SECONDS)
                 client.connect((vip(1, family), 80))
@@ -429,6 +431,32 @@ class Filter(LabTest):
         self.assertNotRegex(left.lower(), "health-monitor|queue")
         self.lab.host_start()
 
+    def test_a_host_that_stops_or_dies_leaves_nothing_of_its_checks_on_the_wire(self):
+        self.up()
+        with contextlib.ExitStack() as taken:  # connections that nobody answers, one a server
+            for number in self.lab.numbers:
+                self.lab.server_stop(number)
+                for family in FAMILIES:
+                    listener = taken.enter_context(socket_in(self.lab, f"s{number}", family))
+                    listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+                    listener.bind((vip(1, family), 80))
+                    listener.listen()
+            self.lab.apply(self.lab.groups(timeout=60))
+            for how in (signal.SIGTERM, signal.SIGKILL):
+                self.lab.eventually(lambda: len(self.connections("state", "established")) >= len(self.lab.states()),
+                                    "an open check of each")
+                capture = Capture(self.lab, f"stop{how}")
+                self.lab.host_stop(how)
+                self.assertEqual(self.connections("-a"), [])
+                self.assert_wrapped(capture.packets())
+                self.lab.host_start()
+                self.lab.apply(self.lab.groups(timeout=60))
+        for number in self.lab.numbers:
+            self.lab.server_start(number)
+
+    def connections(self, *which):
+        return self.lab.inside("switch", "ss", "-Htn", *which).splitlines()
+
     def test_a_packet_filter_that_refuses_is_told_of_and_nothing_else(self):
         self.lab.host_stop()
         path = f"{self.lab.home}/bin"
@@ -447,7 +475,6 @@ class Filter(LabTest):
         self.assertIn("no rules today", self.lab.told("get", "host/status"))
         self.assertEqual(self.lab.host_stop(), 0)
         self.lab.host_start()
-
 
     def test_the_example_rules_do(self):
         self.lab.host_stop()

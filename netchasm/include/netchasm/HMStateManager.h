@@ -54,6 +54,10 @@ class HMStateManager {
    /// had. Too few threads or descriptors for new workers are logged and made do with.
    [[nodiscard]] bool reloadDaemonConfigs( std::string masterConfigPath );
 
+   /// Lets go of all hosts, as a reload of files without any does: for a program that is about to end, and
+   /// whose network must not see what checks leave behind. The next reload brings them back.
+   void dropHosts();
+
    /// Adds addresses for, or takes them from, a host name, in all host groups that have it, now or after a
    /// later reload. Of several usable addresses the lowest is probed, IPv4 first. True: the addresses are
    /// known (or no longer known), also when they were before. False: the name or the set is empty, or an

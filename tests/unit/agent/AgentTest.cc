@@ -11,8 +11,10 @@
 
 using namespace hm;
 using namespace hm::test;
+using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 extern "C" platform::Agent * hmAgentFactory( const char * name );
 
@@ -142,9 +144,11 @@ TEST_F( AgentTest, FromConfigurationToPublishedHealthAndBackToNothing ) {
    EXPECT_TRUE( RecordingEngine::waitForCall( "-address http/web/10.1.1.1 192.0.2.10" ) );
    EXPECT_THAT( agent_->doCheckAgentCleanState(), IsEmpty() );
 
-   // The engine goes on when the agent has gone.
+   // The engine outlives the agent, without checks.
    const auto observer = RecordingEngine::observer();
+   EXPECT_THAT( RecordingEngine::calls(), Not( Contains( "drop hosts" ) ) );
    stop();
+   EXPECT_EQ( RecordingEngine::calls().back(), "drop hosts" );
    HMCheckData late;
    late.m_hostName = "http/web/10.1.1.1";
    EXPECT_TRUE( observer->storeHostCheckResult( late ) );

@@ -227,6 +227,18 @@ TEST_F( RealQueue, APacketLargerThanTheBufferLeavesTheQueue ) {
    EXPECT_EQ( kernel().waiting, 0u );
 }
 
+TEST_F( RealQueue, HoldsABurstOfChecksThatNobodyReads ) {
+   const auto sm = queueSm();
+   Udp probe( probeSource ), tunnelEnd( server, 4789 );
+   constexpr std::uint64_t burst = 3'000; // several times what the kernel's defaults hold
+   for ( std::uint64_t i = 0; i < burst; ++i ) {
+      probe.send( vip, 40 );
+   }
+   EXPECT_EQ( kernel().waiting, burst );
+   drain();
+   EXPECT_EQ( count( PacketCount::encapsulatedIpv4 ), burst );
+}
+
 TEST_F( RealQueue, GoesOnAfterTheKernelLostPackets ) {
    const auto sm = queueSm();
    Udp probe( probeSource ), tunnelEnd( server, 4789 );
@@ -256,6 +268,10 @@ TEST_F( RealQueue, IsFreeForTheNextAfterTearDownWithPacketsUnread ) {
       sm->doCleanup();
       EXPECT_EQ( sm->pingSock(), NfQueueSm::uninitSocket );
       EXPECT_FALSE( sm->initialized() );
+      const auto next = queueSm(); // with the same descriptor, which the one before no longer watches
+      probe.send( vip, 100 );
+      drain();
+      EXPECT_EQ( tunnelEnd.received().size(), 8u + 14 + 20 + 8 + 100 ) << lost;
    }
 }
 

@@ -143,6 +143,10 @@ void HMStateManager::registerStorageObserver( std::shared_ptr<HMStorageObserver>
    record().observer = std::move( observer );
 }
 
+void HMStateManager::dropHosts() {
+   record().called( "drop hosts" );
+}
+
 bool HMStateManager::healthCheck( std::string path, HM_LOG_LEVEL level, bool start ) {
    return record().called(
          fmt::format( "healthCheck {} level {}{}", path, static_cast<int>( level ), start ? " start" : "" ) );

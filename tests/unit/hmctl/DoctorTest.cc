@@ -288,8 +288,12 @@ TEST( DoctorFindings, OneFaultIsOneFinding ) {
                   f.groups.resize( 1 );
                },
                "IPv4 source address", "on no interface" },
-         { "VIP owned", []( auto & f ) { f.localAddresses[f.groups[0].vip] = "lo"; }, "VIP 192.0.2.10",
-               "interface lo has it" },
+         { "VIP owned",
+               []( auto & f ) {
+                  f.localAddresses[f.groups[0].vip] = "lo";
+                  f.routes->at( f.groups[0].vip ) = { "lo" };
+               },
+               "VIP 192.0.2.10", "interface lo has it" },
          { "no route to the VIP", []( auto & f ) { f.routes->erase( f.groups[0].vip ); }, "VIP 192.0.2.10",
                "no route" },
          { "no route to a server", []( auto & f ) { f.routes->erase( address( "10.1.1.2" ) ); }, "servers",
@@ -331,6 +335,16 @@ TEST( DoctorFindings, OneFaultIsOneFinding ) {
       EXPECT_TRUE( row.name == std::string( "a tool is missing" ) || !findings[0].advice.empty() )
             << row.name;
    }
+}
+
+TEST( DoctorFindings, ARouteThatIsToHaveAnMtuKeepsItsWay ) {
+   auto facts = healthy();
+   facts.routes->at( facts.groups[0].vip ) = { "e1", 0, "10.1.1.9" };
+   facts.routes->at( facts.groups[1].vip ) = { "lo" };
+   const auto findings = doctorFindings( facts );
+   ASSERT_EQ( findings.size(), 2u );
+   EXPECT_THAT( findings[0].advice, HasSubstr( "ip route replace VIP via 10.1.1.9 dev e1 mtu 1450" ) );
+   EXPECT_THAT( findings[1].advice, HasSubstr( "ip -6 route replace VIP dev lo mtu 1430" ) );
 }
 
 TEST( DoctorFindings, WhatIsWrongInManyPlacesIsOneFinding ) {
@@ -389,6 +403,7 @@ TEST( DoctorFacts, ComeFromWhatProgramsPrint ) {
          facts );
    EXPECT_EQ( facts.routes->size(), 2u );
    EXPECT_EQ( facts.routes->at( address( "192.0.2.10" ) ).mtu, 1450u );
+   EXPECT_EQ( facts.routes->at( address( "10.9.0.7" ) ).gateway, "10.0.0.2" );
    queueFactsRead( "    1   99     0 2 65531     5     6        9  1\n    0 1234     3 2 65531     7     8   "
                    "    90  1\n",
          facts );

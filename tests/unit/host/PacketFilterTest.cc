@@ -66,31 +66,45 @@ TEST( PacketFilterRules, ToolsTakeWhatIsWrittenAndGiveItBackWhole ) {
    if ( ran( { "unshare", "--net", "true" } ) ) {
       GTEST_SKIP() << "needs root";
    }
-   // Everything in one go, installed over what an earlier run has left; the kernel need not have the
-   // statement itself.
-   const auto native = inputs( packetFilter::install( PacketFilterForm::native, someTargets() ) );
-   EXPECT_EQ(
-         ran( { "unshare", "--net", "nft", "-f", "-" },
-               replaced( native + native + inputs( packetFilter::update( PacketFilterForm::native, {} ) ) +
-                               inputs( packetFilter::remove( PacketFilterForm::native ) ),
-                     " queue to 0", " accept" ) ),
-         std::nullopt );
-
-   std::string script =
-         "set -e\niptables-nft -t mangle -A OUTPUT -j ACCEPT\nbefore=$( iptables-nft -t mangle -S )\n";
-   const auto append = [&script]( const PacketFilterCommands & commands ) {
+   std::string script = "set -e\niptables-nft -t mangle -A OUTPUT -j ACCEPT\n"
+                        "before=$( iptables-nft -t mangle -S )\n";
+   // The kernel need not have the native form's statement itself.
+   const auto append = [&script]( const PacketFilterCommands & commands, const char * otherwise = "exit 1" ) {
       for ( const auto & command : commands ) {
-         script += fmt::format( "{}{} <<'END'\n{}END\n", fmt::join( command.arguments, " " ),
-               command.mayFail ? " 2>/dev/null || true" : "", command.input );
+         script += fmt::format( "'{}' <<'END' || {}\n{}END\n", fmt::join( command.arguments, "' '" ),
+               command.mayFail ? "true" : otherwise, replaced( command.input, " queue to 0", " accept" ) );
       }
    };
-   constexpr auto form = PacketFilterForm::xtables;
-   append( packetFilter::install( form, someTargets() ) );
-   append( packetFilter::update( form, {} ) );
-   append( packetFilter::install( form, someTargets() ) );
-   append( packetFilter::look( form ) );
-   append( packetFilter::remove( form ) );
+   // Whatever somebody empties is missed.
+   const auto missed = [&]( PacketFilterForm form, const std::string & loss ) {
+      append( packetFilter::install( form, someTargets() ) ); // over what an earlier run has left
+      script += loss + "\nmissed=\n";
+      append( packetFilter::look( form, someTargets() ), "missed=yes" );
+      script += fmt::format( "test -n \"$missed\" || {{ echo '{}' >&2; exit 1; }}\n", loss );
+   };
+   for ( const auto form : { PacketFilterForm::native, PacketFilterForm::xtables } ) {
+      append( packetFilter::install( form, someTargets() ) );
+      append( packetFilter::update( form, {} ) );
+      append( packetFilter::look( form, {} ) );
+      append( packetFilter::update( form, someTargets() ) );
+      append( packetFilter::look( form, someTargets() ) );
+      if ( form == PacketFilterForm::native ) {
+         missed( form, "nft flush set inet health-monitor vips4" );
+         missed( form, "nft flush set inet health-monitor vips6" );
+         missed( form, "nft delete table inet health-monitor" );
+      } else {
+         for ( const auto * chain : { "PREROUTING", "HEALTH-MONITOR-OUT", "HEALTH-MONITOR-IN",
+                     "HEALTH-MONITOR-STRAY", "HEALTH-MONITOR-ECHO" } ) {
+            missed( form, fmt::format( "iptables-nft -t mangle -F {}", chain ) );
+            missed( form, fmt::format( "ip6tables-nft -t mangle -F {}", chain ) );
+         }
+         missed( form, "iptables-nft -t mangle -D OUTPUT -j HEALTH-MONITOR-OUT" );
+         missed( form, "ip6tables-nft -t mangle -F OUTPUT" );
+      }
+      append( packetFilter::remove( form ) );
+   }
    script += "test \"$before\" = \"$( iptables-nft -t mangle -S )\"\n";
+   script += "! nft list tables | grep health-monitor\n";
    EXPECT_EQ( ran( { "unshare", "--net", "sh", "-s" }, script ), std::nullopt ) << script;
 }
 

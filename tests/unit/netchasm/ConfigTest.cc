@@ -200,6 +200,13 @@ TEST_F( ConfigFiles, UnknownKeysAreNoticedWithoutFloodingTheLog ) {
 
 class Reload : public EngineFixture {
  protected:
+   static bool becomes( int wanted, const std::function< int() > & value ) {
+      const auto deadline = std::chrono::steady_clock::now() + patience;
+      while ( value() < wanted && std::chrono::steady_clock::now() < deadline )
+         std::this_thread::yield();
+      return value() == wanted;
+   }
+
    TestServer server{ answering( okReply() ) };
    TestGroup web = TestGroup{ "web" }.port( server.port() ).interval( 20 );
 };
@@ -346,12 +353,6 @@ TEST_F( Reload, AChangedOrRemovedAddressEndsRunningChecksInEveryGroup ) {
    TestGroup twin = group;
    twin.name = "b";
    start( { group, twin } );
-   const auto becomes = []( int wanted, const auto & value ) {
-      const auto deadline = std::chrono::steady_clock::now() + patience;
-      while ( value() < wanted && std::chrono::steady_clock::now() < deadline )
-         std::this_thread::yield();
-      return value() == wanted;
-   };
    address( "h", "127.0.0.9" );
    address( "i", "127.0.0.9" );
    ASSERT_TRUE( becomes( 4, [&] { return silent.connections(); } ) );
@@ -367,6 +368,25 @@ TEST_F( Reload, AChangedOrRemovedAddressEndsRunningChecksInEveryGroup ) {
       groups.insert( data.m_hostGroupName );
    }
    EXPECT_EQ( groups.size(), 2u );
+}
+
+TEST_F( Reload, BringsBackHostsThatWereDropped ) {
+   std::atomic< int > ended = 0;
+   const TestServer silent{ [&]( int fd ) {
+      waitForEnd( fd );
+      ++ended;
+   } };
+   const auto group =
+         TestGroup{ "g" }.port( silent.port() ).interval( 3'600'000 ).timeout( 600'000 ).host( "h" );
+   engine->dropHosts(); // nothing to drop yet
+   start( { group } );
+   address( "h" );
+   ASSERT_TRUE( becomes( 1, [&] { return silent.connections(); } ) );
+   engine->dropHosts();
+   EXPECT_TRUE( becomes( 1, [&] { return ended.load(); } ) );
+   EXPECT_EQ( results->count( "h" ), 0u );
+   ASSERT_TRUE( reload( { group } ) );
+   EXPECT_TRUE( becomes( 2, [&] { return silent.connections(); } ) );
 }
 
 TEST_F( Reload, AnUnusableFileChangesNothing ) {
