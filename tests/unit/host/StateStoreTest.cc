@@ -303,7 +303,7 @@ TEST_F( Sqlite, AGroupThatCannotStandCostsNoOther ) {
    EXPECT_THAT(
          run.reported, ElementsAre( HasSubstr( "nhgConfig/web: serverIp: " ), HasSubstr( "left out" ) ) );
    EXPECT_EQ( run.refusals, 1u );
-   EXPECT_EQ( run.serverConfig()->nhgConfigCount(), 1u );
+   ASSERT_EQ( run.serverConfig()->nhgConfigCount(), 1u );
    EXPECT_EQ( run.serverConfig()->nhgConfig( "a/b%" )->serverIpCount(), 2u );
    EXPECT_EQ( run.probeConfig()->probeInterval(), Seconds{ 0.5 } );
    EXPECT_TRUE( run.probeConfig()->nhgProbeConfigHas( "web" ) );
