@@ -206,12 +206,12 @@ void RedisStore::wholeRead( const StoreBatch & batch ) {
 // The configuration first and as one: half of what was applied together would be in force after a kill. Each
 // change is of a path in one root, so that the order of the roots does not matter.
 void RedisStore::stepsBegin( std::vector<StoreChange> steps ) {
-   const auto rest = std::ranges::stable_partition( steps, [this]( const auto & step ) {
+   const auto rest = std::stable_partition( steps.begin(), steps.end(), [this]( const auto & step ) {
       return std::ranges::any_of( roots_, [&]( const auto & root ) {
          return root.configuration && pathIsAtOrBelow( step.path, root.path );
       } );
    } );
-   configurationEnd_ = static_cast<std::size_t>( rest.begin() - steps.begin() );
+   configurationEnd_ = static_cast<std::size_t>( rest - steps.begin() );
    steps_ = std::move( steps );
    nextChange_ = 0;
    chunks();
