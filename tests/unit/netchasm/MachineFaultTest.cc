@@ -137,32 +137,33 @@ TEST_F( Machine, StandingStillIsBlamedOnNoServer ) {
    std::mutex mutex;
    std::condition_variable changed;
    bool mayAnswer = false;
-   std::atomic< int > asked = 0;
+   // The engine outlives this frame, and goes on with its checks until it ends.
+   const auto asked = std::make_shared< std::atomic< int > >( 0 );
    const TestServer slow{ [&]( int fd ) {
       readRequest( fd );
-      ++asked;
+      ++*asked;
       std::unique_lock lock{ mutex };
       changed.wait( lock, [&] { return mayAnswer; } );
       writeAll( fd, okReply() );
    } };
    const TestServer silent{ [&]( int fd ) {
       readRequest( fd );
-      ++asked;
+      ++*asked;
       waitForEnd( fd );
    } };
    /// Holds the worker, once, while two checks wait for their replies.
    struct Holding : Results {
-      explicit Holding( const std::atomic< int > & asked ) : asked_{ asked } {}
+      explicit Holding( std::shared_ptr< const std::atomic< int > > asked ) : asked_{ std::move( asked ) } {}
       bool storeHostCheckResult( HMCheckData & data ) override {
          Results::storeHostCheckResult( data );
-         if ( asked_ == 2 && !held.exchange( true ) )
+         if ( *asked_ == 2 && !held.exchange( true ) )
             std::this_thread::sleep_for( std::chrono::milliseconds{ 1700 } ); // beyond either check's time
          return true;
       }
       std::atomic< bool > held = false;
 
     private:
-      const std::atomic< int > & asked_;
+      const std::shared_ptr< const std::atomic< int > > asked_;
    };
    const auto holding = std::make_shared< Holding >( asked );
    results = holding;
