@@ -44,7 +44,7 @@ class Reference : public StateTest {
       }
    }
 
-   static std::string placeholder( const CollectionInfo & collection ) {
+   static std::string keyWord( const CollectionInfo & collection ) {
       const auto key = collection.keyTypeName();
       return key == "interface name" ? "/INTERFACE" : key == "IP address" ? "/ADDRESS" : "/NAME";
    }
@@ -59,7 +59,7 @@ class Reference : public StateTest {
             compare( child->childType(), name );
          } else if ( const auto * collection = attribute->collection() ) {
             EXPECT_EQ( row.type, "collection by " + collection->keyTypeName() ) << name;
-            compare( collection->entryType(), name + placeholder( *collection ) );
+            compare( collection->entryType(), name + keyWord( *collection ) );
          } else if ( const auto * set = attribute->set() ) {
             EXPECT_EQ( row.type, "set of " + set->keyTypeName() ) << name;
          } else {
@@ -129,7 +129,7 @@ TEST_F( Reference, SaysWhichKeysThereAre ) {
             described[below] = "set";
          }
          if ( const auto * collection = attribute->collection() ) {
-            walk( collection->entryType(), below + placeholder( *collection ) );
+            walk( collection->entryType(), below + keyWord( *collection ) );
          }
       }
    };
