@@ -103,9 +103,17 @@ bool StateWriter::write( std::string & out ) {
          leave( out );
          return true;
       }
-      const auto * info = attributes[frame.next++];
+      // Values that stand together are of one moment. What is entered makes `frame` another one.
       const auto entity = frame.entity;
-      attribute( entity, *info, info->name(), out );
+      auto & next = frame.next;
+      while ( next < attributes.size() && attributes[next]->scalar() ) {
+         attribute( entity, *attributes[next], attributes[next]->name(), out );
+         ++next;
+      }
+      if ( next < attributes.size() ) {
+         const auto * info = attributes[next++];
+         attribute( entity, *info, info->name(), out );
+      }
       return true;
    }
    const auto * keyed = keyedOf( *frame.attribute );

@@ -142,7 +142,8 @@ class Sqlite(StateTest):
         web = f"http://127.0.0.1:{steady.port}/"
         self.hostStart()
         self.apply(self.groups({
-            "steady": (["127.0.0.1"], {"httpUrl": web, "tcpUrl": web.replace("http", "tcp").rstrip("/")}),
+            # patient: on a busy machine a check of it that runs out of time would be a change
+            "steady": (["127.0.0.1"], {"httpUrl": web, "tcpUrl": web.replace("http", "tcp").rstrip("/"), "timeout": 30}),
             "absent": (["127.0.0.9"], {"tcpUrl": f"tcp://127.0.0.9:{steady.port}"}),
             "moody": ([f"127.0.1.{i}" for i in range(1, 61)], {"httpUrl": f"http://127.0.0.1:{moody.port}/"}),
         }, responseCodeRule={"pattern": "5..", "action": 0}))
