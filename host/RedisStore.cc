@@ -200,10 +200,11 @@ void RedisStore::greet() {
 
 void RedisStore::claim( const std::string & inPlaceOf ) {
    link_->send( { "EVAL", claimScript, "1", heartbeatKey, owner_, std::to_string( heartbeatMs ), inPlaceOf },
-         [this, inPlaceOf]( const redisReply & reply ) { claimed( reply, inPlaceOf ); } );
+         [this, inPlaceOf, until = Clock::steady().now() + std::chrono::milliseconds( heartbeatMs )](
+               const redisReply & reply ) { claimed( reply, inPlaceOf, until ); } );
 }
 
-void RedisStore::claimed( const redisReply & reply, const std::string & inPlaceOf ) {
+void RedisStore::claimed( const redisReply & reply, const std::string & inPlaceOf, Clock::TimePoint until ) {
    beatsWithoutAnswer_ = 0;
    if ( reply.type == REDIS_REPLY_ERROR ) {
       // A full server refuses this as well; what it holds is left as it is, and so are the connections.
@@ -217,10 +218,24 @@ void RedisStore::claimed( const redisReply & reply, const std::string & inPlaceO
       } else {
          lockLost( owner );
       }
-   } else if ( phase_ != Phase::ready ) {
+      return;
+   }
+   lockedUntil_ = until;
+   if ( phase_ != Phase::ready ) {
       phase_ = Phase::greeting;
       track();
+   } else if ( !steps_.empty() && chunksUnderWay_ == 0 ) {
+      chunks(); // which waited for the lock
    }
+}
+
+// False: the time for which the lock was taken has run out, and it is asked for again.
+bool RedisStore::lockHeld() {
+   const bool held = Clock::steady().now() < lockedUntil_;
+   if ( !held ) {
+      claim( {} );
+   }
+   return held;
 }
 
 void RedisStore::lockLost( const std::string & owner ) {

@@ -21,8 +21,9 @@ namespace host {
 /// together and are made anew together, every half second until they stand.
 ///
 /// `hm:heartbeat` names the process that writes and lives for `heartbeatMs` from its last turn of the main
-/// loop. It is the lock as well: while it names another process that may be alive nothing is written.
-/// `hm:turn` grows with each batch, and a server that comes back with an older one has lost something.
+/// loop. It is the lock as well: while it names another process that may be alive nothing is written, nor
+/// after the time for which it was last taken; a process that was paused for longer asks first. `hm:turn`
+/// grows with each batch, and a server that comes back with an older one has lost something.
 class RedisStore final : public StateStore {
  public:
    static constexpr unsigned heartbeatMs = 5000;
@@ -65,8 +66,9 @@ class RedisStore final : public StateStore {
    void ended( std::string why ); // by value: the links, and what they hold, go
    void greet();
    void claim( const std::string & inPlaceOf );
-   void claimed( const redisReply & reply, const std::string & inPlaceOf );
+   void claimed( const redisReply & reply, const std::string & inPlaceOf, platform::Clock::TimePoint until );
    void lockLost( const std::string & owner );
+   bool lockHeld();
    void track();
    void turnCame( const redisReply & reply );
    void openingRead();
@@ -111,8 +113,9 @@ class RedisStore final : public StateStore {
    std::unique_ptr<RedisReader> reader_;
    platform::Ptr<platform::LoopTimer> retry_, writeRetry_, quiet_;
    unsigned beatsWithoutAnswer_ = 0;
-   std::uint64_t turn_ = 0; // of the last batch that stands
-   bool released_ = false;  // the lock, at the end
+   platform::Clock::TimePoint lockedUntil_{}; // at least, unless somebody takes the key away
+   std::uint64_t turn_ = 0;                   // of the last batch that stands
+   bool released_ = false;                    // the lock, at the end
 
    std::deque<platform::Ptr<platform::QueueElement>> pending_; // batches and reads in their order
    std::vector<StoreChange> steps_;                            // what the front of them comes to

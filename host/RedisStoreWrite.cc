@@ -219,6 +219,9 @@ void RedisStore::stepsBegin( std::vector<StoreChange> steps ) {
 
 void RedisStore::chunks() {
    while ( chunksUnderWay_ < maxChunksUnderWay && nextChange_ < steps_.size() ) {
+      if ( !lockHeld() ) {
+         return;
+      }
       const auto end = std::max( std::min( steps_.size(), nextChange_ + changesAtATime ), configurationEnd_ );
       chunk( std::exchange( nextChange_, end ), end );
    }
@@ -344,7 +347,7 @@ void RedisStore::batchDone() {
 }
 
 void RedisStore::statistics( const StoreStatistics & statistics ) {
-   if ( phase_ != Phase::ready || purging_ ) {
+   if ( phase_ != Phase::ready || purging_ || !lockHeld() ) {
       tell( StoreEvent::Kind::counted );
       return;
    }

@@ -539,6 +539,23 @@ class Redis(StateTest):
         self.eventually(lambda: self.hash(PROBE_CONFIG)["encapUdpDstPort"] == "4791", "it writes again")
         self.hostStop()
 
+    def test_a_paused_host_asks_before_it_writes(self):
+        moody = Moody("0.0.0.0")
+        self.servers.append(moody)
+        self.hostStart()
+        self.apply(self.groups({"moody": ([f"127.0.1.{i}" for i in range(1, 61)],
+                                          {"httpUrl": f"http://127.0.0.1:{moody.port}/"})},
+                               responseCodeRule={"pattern": "5..", "action": 0}))
+        self.eventually(lambda: int(self.redis("GET", "hm:turn") or 0) > 20, "states change all the time")
+        self.host.send_signal(signal.SIGSTOP)
+        self.eventually(lambda: self.redis("EXISTS", "hm:heartbeat") == "0", "its time runs out", host=False)
+        self.redis("SET", "hm:heartbeat", "somebody elsewhere", "PX", "60000")
+        turn, announced = self.redis("GET", "hm:turn"), self.announcements()
+        self.host.send_signal(signal.SIGCONT)
+        self.eventually(lambda: "another host writes it: somebody elsewhere" in self.errors(), "it notices")
+        self.assertEqual((self.redis("GET", "hm:turn"), announced()), (turn, []))
+        self.hostStop()
+
 
 if __name__ == "__main__":
     unittest.main()
