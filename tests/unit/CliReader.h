@@ -29,8 +29,8 @@ class CliReader {
 
    unsigned socket() const { return static_cast<unsigned>( ends_[0] ); } // what commands print to
 
-   /// What has arrived, at most `atMost` bytes: by default more than the sockets hold. (A larger piece of memory would
-   /// be mapped anew each time under a sanitizer, and take longer than all the rest.)
+   /// What has arrived, at most `atMost` bytes: by default more than the sockets hold. (A larger piece of
+   /// memory would be mapped anew each time under a sanitizer, and take longer than all the rest.)
    std::string read( std::size_t atMost = 1 << 16 ) {
       std::string text( atMost, '\0' );
       const auto size = ::recv( ends_[1], text.data(), text.size(), 0 );
