@@ -11,8 +11,8 @@ namespace host {
 
 /// Writes the state below some places as text, in pieces, so that whoever reads slowly makes the writer wait
 /// and not the process. Between two pieces the state may change: the walk goes on at the next key above the
-/// last one, and an entry that has gone is written as far as it was. The values of an entity that stand beside
-/// each other in its description are in one piece, so that they are of one moment.
+/// last one, and an entry that has gone is written as far as it was. The values of an entity that stand
+/// beside each other in its description are in one piece, so that they are of one moment.
 ///
 /// Main thread only; holds the entities that it is in.
 class StateWriter {
@@ -27,8 +27,8 @@ class StateWriter {
 
    StateWriter( Format format, std::vector<Section> sections );
 
-   /// Appends some of the text (a few hundred bytes beyond the values of an entity at most); false once all of
-   /// it was written.
+   /// Appends some of the text (a few hundred bytes beyond the values of an entity at most); false once all
+   /// of it was written.
    bool write( std::string & out );
 
    /// The JSON object of one entity on one line, written in one go; empty when it would take more than
