@@ -2,7 +2,7 @@
 #include "EngineFixture.h"
 #include "netchasm/HMStateManager.h"
 #include "TestServer.h"
-#include <fstream>
+#include <fmt/format.h>
 #include <list>
 #include <numeric>
 #include <sys/socket.h>
@@ -15,10 +15,6 @@ TestGroup web( unsigned port ) {
 }
 TestGroup tcp( unsigned port ) {
    return TestGroup{ "db" }.type( "tcp" ).port( port );
-}
-
-void readOnly( int fd ) {
-   readRequest( fd );
 }
 
 void drip( int fd ) {
@@ -66,7 +62,7 @@ TEST_F( Check, MisbehavingServersFailByTheirLayer ) {
          { "sends a byte at a time", "http", drip, HM_REASON_REPLY_TIMEOUT },
          { "closes", "http", []( int ) {}, HM_REASON_REPLY_CLOSED },
          { "resets", "http", resettingAfter( "" ), HM_REASON_REPLY_CLOSED },
-         { "closes after the request", "http", readOnly, HM_REASON_REPLY_CLOSED },
+         { "closes after the request", "http", answering( "" ), HM_REASON_REPLY_CLOSED },
          { "closes in the middle", "http", answering( half ), HM_REASON_REPLY_CLOSED },
          { "resets in the middle", "http", resettingAfter( half ), HM_REASON_REPLY_CLOSED },
          { "endless headers", "http", forever( "HTTP/1.1 200 OK\r\n", "A: b\r\n" ),
@@ -105,12 +101,12 @@ TEST_F( Check, MisbehavingServersFailByTheirLayer ) {
 }
 
 TEST_F( Check, HttpAnswerCarriesCodeBodyAndCounters ) {
-   std::string request;
-   std::mutex mutex;
+   std::promise< std::string > asked;
+   std::atomic< int > times = 0;
    const TestServer server{ [&]( int fd ) {
-      const std::string text = readRequest( fd );
-      const std::lock_guard lock{ mutex };
-      request = text;
+      const std::string request = readRequest( fd );
+      if ( ++times == 1 )
+         asked.set_value( request );
       writeAll( fd, "HTTP/1.1 503 Busy\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nbusy\r\n0\r\n\r\n" );
    } };
    const HMCheckData first = check( web( server.port() ) );
@@ -124,9 +120,9 @@ TEST_F( Check, HttpAnswerCarriesCodeBodyAndCounters ) {
    const HMCheckData second = results->next( "h" );
    EXPECT_EQ( second.m_numChecks, 2u );
    EXPECT_EQ( second.m_numResponses, 2u );
-   const std::lock_guard lock{ mutex };
-   EXPECT_THAT( request, testing::StartsWith( "GET /health HTTP/1.1\r\nHost: 127.0.0.1:" +
-                                              std::to_string( server.port() ) + "\r\n" ) );
+   EXPECT_THAT( asked.get_future().get(),
+         testing::StartsWith(
+               fmt::format( "GET /health HTTP/1.1\r\nHost: 127.0.0.1:{}\r\n", server.port() ) ) );
 }
 
 TEST_F( Check, EndlessBodyIsAnsweredAndCutAtTheCap ) {
@@ -211,21 +207,6 @@ TEST_F( Check, PortThatIsNoneFailsWithoutAPacket ) {
    EXPECT_EQ( log->count( "no port from 1 to 65535" ), 1u );
 }
 
-TEST_F( Check, LeavesNoTimeWaitBehind ) {
-   const TestServer http{ answering( okReply() ), "127.0.91.7" };
-   const TestServer plain{ waitForEnd, "127.0.91.7" };
-   start( { web( http.port() ).interval( 20 ).host( "h" ), tcp( plain.port() ).interval( 20 ).host( "t" ) } );
-   address( "h", "127.0.91.7" );
-   address( "t", "127.0.91.7" );
-   results->await( { "h", "t" }, 20 );
-   engine.reset();
-   // … rem_address st …; 075B007F is 127.0.91.7, 06 is TIME_WAIT.
-   std::stringstream table;
-   table << std::ifstream{ "/proc/net/tcp" }.rdbuf();
-   EXPECT_THAT( table.str(), testing::HasSubstr( "rem_address" ) );
-   EXPECT_THAT( table.str(), testing::Not( testing::ContainsRegex( "075B007F:[0-9A-F]+ 06 " ) ) );
-}
-
 TEST_F( Check, DelaysAreCountedAndCleared ) {
    const TestServer server{ waitForEnd };
    HMStateManager manager;
@@ -245,27 +226,16 @@ TEST_F( Check, DelaysAreCountedAndCleared ) {
 }
 
 TEST( Address, ParsesStrictlyAndOrdersByFamily ) {
-   HMIPAddress v4, v6, other;
-   ASSERT_TRUE( v4.set( "255.0.0.1" ) );
-   ASSERT_TRUE( v6.set( "2001:DB8:0:0::1" ) );
+   HMIPAddress v4, v6;
+   ASSERT_TRUE( v4.set( "255.0.0.1" ) && v6.set( "2001:DB8:0:0::1" ) );
    EXPECT_EQ( v6.toString(), "2001:db8::1" );
    EXPECT_LT( HMIPAddress{}, v4 );
    EXPECT_LT( v4, v6 );
-   for ( const char * text :
+   for ( const std::string text :
          { "", "1.2.3", "1.2.3.4 ", "01.2.3.4", "1.2.3.256", ":::", "fe80::1%lo", "example" } ) {
-      other = v4;
+      HMIPAddress other = v4;
       EXPECT_FALSE( other.set( text ) ) << text;
       EXPECT_EQ( other, v4 );
    }
-   EXPECT_FALSE( other.set( std::string( "1.2.3.4\0x", 9 ) ) );
-}
-
-TEST( TimeStamp, PrintsLocalTime ) {
-   ::setenv( "TZ", "UTC", 1 );
-   ::tzset();
-   HMTimeStamp stamp;
-   stamp.setTime( 1'000'000'000'999UL );
-   EXPECT_EQ( stamp.getTimeSinceEpoch(), 1'000'000'000'999UL );
-   EXPECT_EQ( stamp.lprint( "%b:%d:%Y %H:%M:%S" ), "Sep:09:2001 01:46:40" );
-   EXPECT_EQ( stamp.lprint( "" ), "" );
+   EXPECT_FALSE( v4.set( std::string( "1.2.3.4\0x", 9 ) ) );
 }

@@ -154,10 +154,10 @@ void EngineFixture::address( const std::string & host, const std::string & text 
    EXPECT_TRUE( engine->addAddresses( host, { ip( text ) } ) );
 }
 
-std::future< HMProbeReport > EngineFixture::ask( const std::string & group, const std::string & host ) {
+std::future< HMProbeReport > EngineFixture::ask( const std::string & group ) {
    const auto promise = std::make_shared< std::promise< HMProbeReport > >();
    EXPECT_TRUE( engine->probe(
-         group, host, [promise]( const HMProbeReport & report ) { promise->set_value( report ); } ) );
+         group, "h", [promise]( const HMProbeReport & report ) { promise->set_value( report ); } ) );
    return promise->get_future();
 }
 

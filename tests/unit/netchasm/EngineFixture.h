@@ -98,9 +98,10 @@ class EngineFixture : public testing::Test {
    void address( const std::string & host, const std::string & text = "127.0.0.1" );
    static HMIPAddress ip( const std::string & text );
 
-   /// Asks for a check of a host, beside the schedule; the report, once it comes, is what the future gives.
-   std::future< HMProbeReport > ask( const std::string & group, const std::string & host = "h" );
+   /// Asks for a check of "h", beside the schedule; the report, once it comes, is what the future gives.
+   std::future< HMProbeReport > ask( const std::string & group );
    static HMProbeReport awaited( std::future< HMProbeReport > report );
+   HMProbeReport probe( const std::string & group ) { return awaited( ask( group ) ); }
 
    /// Waits until it is as large as wanted; true when it is no larger.
    static bool becomes( int wanted, const std::function< int() > & value );

@@ -1,15 +1,11 @@
 // Checks that somebody asks for, beside the schedule.
 #include "EngineFixture.h"
-#include "TestCertificates.h"
 #include "TestServer.h"
 #include <thread>
 
 namespace {
 
-class ProbeNow : public EngineFixture {
- protected:
-   HMProbeReport probe( const std::string & group ) { return awaited( ask( group ) ); }
-};
+class ProbeNow : public EngineFixture {};
 
 /// A group whose own checks are far apart.
 TestGroup rare( const std::string & name, unsigned port ) {
@@ -46,25 +42,6 @@ TEST_F( ProbeNow, TimesItsPhasesAndTouchesNothingElse ) {
 
    EXPECT_EQ( results->count( "h" ), 6u );
    EXPECT_EQ( web.m_check.m_numChecks, 0u );
-}
-
-TEST_F( ProbeNow, NeverResumesATlsSession ) {
-   const TestCertificate ca{ {} };
-   const TestCertificate good{ { .ip = "127.0.0.1", .issuer = &ca } };
-   std::atomic< int > resumed = 0;
-   const TestServer server{ overTls( serverContext( good ), [&]( SSL * ssl ) {
-      resumed += SSL_session_reused( ssl );
-      answerTls( ssl );
-      waitForEnd( SSL_get_fd( ssl ) );
-   } ) };
-   run( { rare( "web", server.port() ).type( "https" ).with( "ca-file: " + file( "ca.pem", ca.pem() ) ) } );
-   results->await( { "h" }, 1 );
-   const HMProbeReport report = probe( "web" );
-   EXPECT_EQ( report.m_check.m_reason, HM_REASON_NONE ) << report.m_detail;
-   EXPECT_LE( report.m_connectUs, report.m_tlsUs );
-   EXPECT_LE( report.m_tlsUs, report.m_firstByteUs );
-   EXPECT_GT( report.m_tlsUs, 0u );
-   EXPECT_EQ( resumed, 0 );
 }
 
 TEST_F( ProbeNow, EndsWhenTheHostsAddressOrTheHostGoes ) {

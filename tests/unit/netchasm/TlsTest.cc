@@ -148,6 +148,18 @@ TEST_F( Tls, AReloadTakesUpChangedFilesAndKeepsUnchangedOnes ) {
    results->next( answered );
 }
 
+TEST_F( Tls, AProbeTimesTheHandshakeAndNeverResumesASession ) {
+   const TestServer server{ secure( serverContext( good ) ) };
+   run( { https( server ).interval( 3'600'000 ).with( caLine() ).host( "h" ) } );
+   results->await( { "h" }, 1 );
+   const HMProbeReport report = probe( "web" );
+   EXPECT_EQ( report.m_check.m_reason, HM_REASON_NONE ) << report.m_detail;
+   EXPECT_LT( report.m_connectUs, report.m_tlsUs );
+   EXPECT_LE( report.m_tlsUs, report.m_firstByteUs );
+   EXPECT_EQ( full, 2 );
+   EXPECT_EQ( resumed, 0 );
+}
+
 TEST( TlsTicket, IsUsedOnlyForItsContextAndPeerAndOnlyForMinutes ) {
    using namespace std::chrono_literals;
    const auto context = std::make_shared< const netchasm::TlsContext >( "", "", false );
