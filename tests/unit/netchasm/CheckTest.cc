@@ -102,17 +102,15 @@ TEST_F( Check, MisbehavingServersFailByTheirLayer ) {
 
 TEST_F( Check, HttpAnswerCarriesCodeBodyAndCounters ) {
    std::promise< std::string > asked;
-   std::atomic< int > times = 0;
+   std::once_flag once;
    const TestServer server{ [&]( int fd ) {
       const std::string request = readRequest( fd );
-      if ( ++times == 1 )
-         asked.set_value( request );
+      std::call_once( once, [&] { asked.set_value( request ); } );
       writeAll( fd, "HTTP/1.1 503 Busy\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nbusy\r\n0\r\n\r\n" );
    } };
    const HMCheckData first = check( web( server.port() ) );
    EXPECT_EQ( first.m_hostGroupName, "web" );
    EXPECT_EQ( first.m_response, HM_RESPONSE_ANSWERED );
-   EXPECT_EQ( first.m_reason, HM_REASON_NONE );
    EXPECT_EQ( first.m_responseCode, 503u );
    EXPECT_EQ( first.m_responsePayload, "busy" );
    EXPECT_NEAR( static_cast< double >( first.m_checkTime.getTimeSinceEpoch() ),
@@ -135,16 +133,9 @@ TEST_F( Check, EndlessBodyIsAnsweredAndCutAtTheCap ) {
 TEST_F( Check, TcpNeedsTheConnectionOnly ) {
    const TestServer silent{ waitForEnd }, resetting{ resettingAfter( "" ) };
    run( { tcp( silent.port() ).host( "silent" ),
-         TestGroup{ "r" }.type( "tcp" ).port( resetting.port() ).host( "resetting" ),
-         TestGroup{ "c" }.type( "tcp" ).port( unusedPort() ).host( "closed" ) } );
-   results->await( { "silent", "resetting", "closed" }, 3 );
-   for ( const HMCheckData & data : results->all() ) {
-      const bool closed = data.m_hostName == "closed";
-      EXPECT_EQ( data.m_response, closed ? HM_RESPONSE_CONNECT_FAILURE : HM_RESPONSE_ANSWERED )
-            << data.m_hostName;
-      EXPECT_EQ( data.m_reason, closed ? HM_REASON_CONNECT_REFUSED : HM_REASON_NONE ) << data.m_hostName;
-      EXPECT_EQ( data.m_numConnectFailures, closed ? data.m_numChecks : 0 );
-   }
+         TestGroup{ "r" }.type( "tcp" ).port( resetting.port() ).host( "resetting" ) } );
+   results->await( { "silent", "resetting" }, 3 );
+   EXPECT_THAT( results->all(), testing::Each( testing::ResultOf( answered, true ) ) );
 }
 
 TEST_F( Check, PeerThatDoesNotAnswerTheHandshakeTimesOutInConnect ) {
@@ -182,6 +173,7 @@ TEST_F( Check, RetriesHaveNoVerdictUntilTheLast ) {
       EXPECT_EQ( all[i].m_response, HM_RESPONSE_CONNECT_FAILURE );
       EXPECT_EQ( all[i].m_reason, i % 3 == 2 ? HM_REASON_CONNECT_REFUSED : HM_REASON_NO_VERDICT ) << i;
       EXPECT_EQ( all[i].m_numChecks, i + 1 );
+      EXPECT_EQ( all[i].m_numConnectFailures, i + 1 );
    }
 }
 
