@@ -1,6 +1,8 @@
 #include "EngineFixture.h"
 #include <fmt/format.h>
 #include <fstream>
+#include <map>
+#include <thread>
 
 bool Results::storeHostCheckResult( HMCheckData & data ) {
    {
@@ -30,25 +32,35 @@ HMCheckData Results::next( const std::string & host ) {
    return next( [&]( const HMCheckData & data ) { return data.m_hostName == host; } );
 }
 
-void Results::await( const std::string & host, std::size_t wanted ) {
+void Results::await( const Hosts & hosts, std::size_t wanted ) {
    std::unique_lock lock{ mutex_ };
-   const auto enough = [&] {
-      return static_cast< std::size_t >( std::count_if( results_.begin(), results_.end(),
-                   [&]( const auto & data ) { return data.m_hostName == host; } ) ) >= wanted;
-   };
-   if ( !came_.wait_for( lock, patience, enough ) )
-      ADD_FAILURE() << "fewer than " << wanted << " results for " << host;
+   for ( const std::string & host : hosts ) {
+      const auto enough = [&] {
+         return std::cmp_greater_equal(
+               std::ranges::count( results_, host, &HMCheckData::m_hostName ), wanted );
+      };
+      if ( !came_.wait_for( lock, patience, enough ) )
+         ADD_FAILURE() << "fewer than " << wanted << " results for " << host;
+   }
 }
 
-std::size_t Results::count( const std::string & host ) {
-   const std::lock_guard lock{ mutex_ };
-   return static_cast< std::size_t >( std::count_if(
-         results_.begin(), results_.end(), [&]( const auto & data ) { return data.m_hostName == host; } ) );
+void Results::awaitMore( const Hosts & hosts, std::size_t more ) {
+   std::map< std::string, std::size_t > wanted;
+   for ( const std::string & host : hosts )
+      wanted[host] = count( host ) + more;
+   for ( const auto & [host, number] : wanted )
+      await( { host }, number );
 }
 
 std::vector< HMCheckData > Results::all() {
    const std::lock_guard lock{ mutex_ };
    return results_;
+}
+
+std::vector< HMCheckData > Results::of( const std::string & host ) {
+   std::vector< HMCheckData > found = all();
+   std::erase_if( found, [&]( const HMCheckData & data ) { return data.m_hostName != host; } );
+   return found;
 }
 
 void LogLines::writeLog( LogEntry * entry ) {
@@ -65,6 +77,12 @@ std::size_t LogLines::count( const std::string & part ) {
 std::string LogLines::all() {
    const std::lock_guard lock{ mutex_ };
    return fmt::format( "{}", fmt::join( lines_, "\n" ) );
+}
+
+TestGroup & TestGroup::numberedHosts( int count ) {
+   for ( int i = 1; i <= count; ++i )
+      host( std::to_string( i ) );
+   return *this;
 }
 
 std::string TestGroup::yaml() const {
@@ -109,6 +127,19 @@ void EngineFixture::start( const std::vector< TestGroup > & groups, const std::s
    ASSERT_TRUE( engine->start( files( groups, masterLines ), 9, true ) ) << log->all();
 }
 
+void EngineFixture::run( const std::vector< TestGroup > & groups, const std::string & masterLines ) {
+   start( groups, masterLines );
+   for ( const TestGroup & group : groups ) {
+      for ( const std::string & host : group.hosts )
+         address( host );
+   }
+}
+
+HMCheckData EngineFixture::check( TestGroup group ) {
+   run( { group.host( "h" ) } );
+   return results->next( "h" );
+}
+
 bool EngineFixture::reload( const std::vector< TestGroup > & groups ) {
    return engine->reload( files( groups ) );
 }
@@ -123,9 +154,23 @@ void EngineFixture::address( const std::string & host, const std::string & text 
    EXPECT_TRUE( engine->addAddresses( host, { ip( text ) } ) );
 }
 
-HMCheckData EngineFixture::check( const TestGroup & group, const std::string & hostAddress ) {
-   TestGroup one = group;
-   start( { one.host( "h" ) } );
-   address( "h", hostAddress );
-   return results->next( "h" );
+std::future< HMProbeReport > EngineFixture::ask( const std::string & group ) {
+   const auto promise = std::make_shared< std::promise< HMProbeReport > >();
+   EXPECT_TRUE( engine->probe(
+         group, "h", [promise]( const HMProbeReport & report ) { promise->set_value( report ); } ) );
+   return promise->get_future();
+}
+
+HMProbeReport EngineFixture::awaited( std::future< HMProbeReport > report ) {
+   if ( report.wait_for( patience ) == std::future_status::ready )
+      return report.get();
+   ADD_FAILURE() << "no report";
+   return {};
+}
+
+bool EngineFixture::becomes( int wanted, const std::function< int() > & value ) {
+   const auto deadline = std::chrono::steady_clock::now() + patience;
+   while ( value() < wanted && std::chrono::steady_clock::now() < deadline )
+      std::this_thread::yield();
+   return value() == wanted;
 }

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <mutex>
@@ -17,15 +18,19 @@ inline constexpr std::chrono::seconds patience{ 30 };
 /// Collects the results.
 class Results : public HMStorageObserver {
  public:
+   using Hosts = std::vector< std::string >;
+
    bool storeHostCheckResult( HMCheckData & data ) override;
    /// The first result that fits, of those not looked at before by this function; fails the test when none
    /// comes.
    HMCheckData next( const std::function< bool( const HMCheckData & ) > & fits );
    HMCheckData next( const std::string & host );
-   /// Waits until the host has this many results in all.
-   void await( const std::string & host, std::size_t count );
-   std::size_t count( const std::string & host );
+   /// Wait until each of the hosts has this many results: in all, or more than it has now.
+   void await( const Hosts & hosts, std::size_t count );
+   void awaitMore( const Hosts & hosts, std::size_t more );
    std::vector< HMCheckData > all();
+   std::vector< HMCheckData > of( const std::string & host );
+   std::size_t count( const std::string & host ) { return of( host ).size(); }
 
  private:
    std::mutex mutex_;
@@ -33,6 +38,10 @@ class Results : public HMStorageObserver {
    std::vector< HMCheckData > results_;
    std::size_t looked_ = 0;
 };
+
+inline bool answered( const HMCheckData & data ) {
+   return data.m_response == HM_RESPONSE_ANSWERED;
+}
 
 class LogLines : public HMLogBase {
  public:
@@ -62,6 +71,7 @@ struct TestGroup {
    TestGroup & retryDelay( unsigned ms ) { return retryDelayMs = ms, *this; }
    TestGroup & with( const std::string & line ) { return more += "  " + line + "\n", *this; }
    TestGroup & host( const std::string & value ) { return hosts.push_back( value ), *this; }
+   TestGroup & numberedHosts( int count ); ///< "1", "2", …
    std::string yaml() const;
 
    std::string name, checkType = "http", more;
@@ -76,17 +86,25 @@ class EngineFixture : public testing::Test {
 
    std::string file( const std::string & name, const std::string & content );
    /// The two files; returns the master's path.
-   std::string files( const std::vector< TestGroup > & groups,
-         const std::string & masterLines = "connectiontimeout: 3000\n" );
+   std::string files( const std::vector< TestGroup > & groups, const std::string & masterLines = "" );
 
-   void start( const std::vector< TestGroup > & groups,
-         const std::string & masterLines = "connectiontimeout: 3000\n" );
+   /// Starts, without addresses.
+   void start( const std::vector< TestGroup > & groups, const std::string & masterLines = "" );
+   /// Starts, and every host has its address.
+   void run( const std::vector< TestGroup > & groups, const std::string & masterLines = "" );
+   /// Runs with one host "h" in one group and returns its first result.
+   HMCheckData check( TestGroup group );
    [[nodiscard]] bool reload( const std::vector< TestGroup > & groups );
    void address( const std::string & host, const std::string & text = "127.0.0.1" );
    static HMIPAddress ip( const std::string & text );
 
-   /// Starts with one host "h" in one group and returns its first result.
-   HMCheckData check( const TestGroup & group, const std::string & hostAddress = "127.0.0.1" );
+   /// Asks for a check of "h", beside the schedule; the report, once it comes, is what the future gives.
+   std::future< HMProbeReport > ask( const std::string & group );
+   static HMProbeReport awaited( std::future< HMProbeReport > report );
+   HMProbeReport probe( const std::string & group ) { return awaited( ask( group ) ); }
+
+   /// Waits until it is as large as wanted; true when it is no larger.
+   static bool becomes( int wanted, const std::function< int() > & value );
 
    std::filesystem::path directory;
    int threads = 2; ///< of the files written next

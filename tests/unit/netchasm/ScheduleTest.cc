@@ -45,13 +45,10 @@ TEST( Schedule, AShorterIntervalBringsDistantChecksNearerButNotTogether ) {
 }
 
 TEST( Schedule, CountsDelaysBySecondsOpenBelowAndClosedAbove ) {
-   EXPECT_EQ( ProbeDelays::bucket( -1s ), 0u );
-   EXPECT_EQ( ProbeDelays::bucket( 1s ), 0u );
-   EXPECT_EQ( ProbeDelays::bucket( 1s + 1ns ), 1u );
-   EXPECT_EQ( ProbeDelays::bucket( 2s ), 1u );
-   EXPECT_EQ( ProbeDelays::bucket( 120s ), 119u );
-   EXPECT_EQ( ProbeDelays::bucket( 120s + 1ns ), 120u );
-   EXPECT_EQ( ProbeDelays::bucket( 24h ), 120u );
+   const std::pair< Duration, std::size_t > rows[] = { { -1s, 0 }, { 1s, 0 }, { 1s + 1ns, 1 }, { 2s, 1 },
+         { 120s, 119 }, { 120s + 1ns, 120 }, { 24h, 120 } };
+   for ( const auto & [delay, bucket] : rows )
+      EXPECT_EQ( ProbeDelays::bucket( delay ), bucket ) << delay.count();
 }
 
 TEST( TimerHeap, AgreesWithASortedListUnderRandomUse ) {

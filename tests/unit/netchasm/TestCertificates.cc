@@ -1,4 +1,5 @@
 #include "TestCertificates.h"
+#include <csignal>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <stdexcept>
@@ -10,9 +11,10 @@ void require( bool good ) {
       throw std::runtime_error( "no test certificate" );
 }
 
-std::string text( int ( *write )( BIO *, const void * ), const void * object ) {
+template< class Write >
+std::string pemText( Write write ) {
    const std::unique_ptr< BIO, int ( * )( BIO * ) > bio{ BIO_new( BIO_s_mem() ), BIO_free };
-   require( write( bio.get(), object ) == 1 );
+   require( write( bio.get() ) == 1 );
    const char * bytes = nullptr;
    const long size = BIO_get_mem_data( bio.get(), &bytes );
    return { bytes, static_cast< std::size_t >( size ) };
@@ -50,20 +52,13 @@ TestCertificate::TestCertificate( const Make & make )
 }
 
 std::string TestCertificate::pem() const {
-   return text(
-         []( BIO * bio, const void * x ) {
-            return PEM_write_bio_X509( bio, static_cast< X509 * >( const_cast< void * >( x ) ) );
-         },
-         certificate.get() );
+   return pemText( [this]( BIO * bio ) { return PEM_write_bio_X509( bio, certificate.get() ); } );
 }
 
 std::string TestCertificate::keyPem() const {
-   return text(
-         []( BIO * bio, const void * k ) {
-            return PEM_write_bio_PrivateKey( bio, static_cast< EVP_PKEY * >( const_cast< void * >( k ) ),
-                  nullptr, nullptr, 0, nullptr, nullptr );
-         },
-         key.get() );
+   return pemText( [this]( BIO * bio ) {
+      return PEM_write_bio_PrivateKey( bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr );
+   } );
 }
 
 std::shared_ptr< SSL_CTX > serverContext( const TestCertificate & own, const TestCertificate * clientCa ) {
@@ -77,4 +72,23 @@ std::shared_ptr< SSL_CTX > serverContext( const TestCertificate & own, const Tes
       SSL_CTX_set_verify( context.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr );
    }
    return context;
+}
+
+TestServer::Handler overTls( std::shared_ptr< SSL_CTX > context, std::function< void( SSL * ) > serve ) {
+   ::signal( SIGPIPE, SIG_IGN ); // OpenSSL's own socket BIO writes with plain write()
+   return [context, serve]( int fd ) {
+      const std::unique_ptr< SSL, void ( * )( SSL * ) > ssl{ SSL_new( context.get() ), SSL_free };
+      SSL_set_fd( ssl.get(), fd );
+      if ( SSL_accept( ssl.get() ) == 1 )
+         serve( ssl.get() );
+   };
+}
+
+bool answerTls( SSL * ssl, const std::string & reply ) {
+   char request[4096];
+   if ( SSL_read( ssl, request, sizeof( request ) ) <= 0 )
+      return false;
+   for ( const char & c : reply )
+      SSL_write( ssl, &c, 1 );
+   return true;
 }

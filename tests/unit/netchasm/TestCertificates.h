@@ -1,5 +1,6 @@
 #pragma once
 
+#include "TestServer.h"
 #include <memory>
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
@@ -26,3 +27,8 @@ struct TestCertificate {
 /// A server's TLS settings. `clientCa`: clients must show a certificate of this CA.
 std::shared_ptr< SSL_CTX > serverContext(
       const TestCertificate & own, const TestCertificate * clientCa = nullptr );
+
+/// Speaks TLS; `serve` goes on once the handshake is done.
+TestServer::Handler overTls( std::shared_ptr< SSL_CTX > context, std::function< void( SSL * ) > serve );
+/// Reads a request and answers it with a record a byte. False: there was none.
+bool answerTls( SSL * ssl, const std::string & reply = okReply() );

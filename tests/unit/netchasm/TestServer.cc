@@ -1,36 +1,20 @@
 #include "TestServer.h"
-#include <algorithm>
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
+#include "netchasm/SocketCalls.h"
 #include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace {
-
-int listenOn( const std::string & address, std::uint16_t & port, int backlog ) {
-   sockaddr_storage any{};
-   socklen_t size = sizeof( sockaddr_in );
-   auto & v4 = reinterpret_cast< sockaddr_in & >( any );
-   auto & v6 = reinterpret_cast< sockaddr_in6 & >( any );
-   if ( ::inet_pton( AF_INET, address.c_str(), &v4.sin_addr ) == 1 ) {
-      any.ss_family = AF_INET;
-   } else {
-      ::inet_pton( AF_INET6, address.c_str(), &v6.sin6_addr );
-      any.ss_family = AF_INET6;
-      size = sizeof( sockaddr_in6 );
-   }
-   const int fd = ::socket( any.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0 );
-   if ( fd < 0 || ::bind( fd, reinterpret_cast< sockaddr * >( &any ), size ) != 0 ||
-         ::listen( fd, backlog ) != 0 ||
-         ::getsockname( fd, reinterpret_cast< sockaddr * >( &any ), &size ) != 0 )
-      throw std::runtime_error( "no listener on " + address );
-   port = ntohs( any.ss_family == AF_INET ? v4.sin_port : v6.sin6_port );
+int listenOn( const std::string & text, std::uint16_t & port, int backlog ) {
+   HMIPAddress address;
+   const bool parsed = address.set( text );
+   netchasm::SocketAddress local{ address, 0 };
+   const int fd = ::socket( local.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0 );
+   if ( !parsed || fd < 0 || ::bind( fd, local.get(), local.length ) != 0 || ::listen( fd, backlog ) != 0 ||
+         ::getsockname( fd, &local.any, &local.length ) != 0 )
+      throw std::runtime_error( "no listener on " + text );
+   port = ntohs( local.v4.sin_port ); // where that of IPv6 stands too
    return fd;
 }
-
-} // namespace
 
 TestServer::TestServer( Handler handler, const std::string & address )
       : handler_{ std::move( handler ) },
@@ -62,6 +46,7 @@ void TestServer::accept() {
       open_.push_back( fd );
       threads_.emplace_back( [this, fd] {
          handler_( fd );
+         ++ended_;
          const std::lock_guard closing{ mutex_ };
          open_.remove( fd );
          ::close( fd );
@@ -73,10 +58,6 @@ std::uint16_t unusedPort() {
    std::uint16_t port = 0;
    ::close( listenOn( "127.0.0.1", port, 1 ) );
    return port;
-}
-
-int silentListener( std::uint16_t & port, int backlog ) {
-   return listenOn( "127.0.0.1", port, backlog );
 }
 
 std::string readRequest( int fd ) {
@@ -104,11 +85,6 @@ bool writeAll( int fd, std::string_view bytes ) {
 void waitForEnd( int fd ) {
    char bytes[4096];
    while ( ::recv( fd, bytes, sizeof( bytes ), 0 ) > 0 ) {}
-}
-
-bool endsWithin( int fd, int ms ) {
-   pollfd wait{ fd, POLLRDHUP, 0 };
-   return ::poll( &wait, 1, ms ) > 0;
 }
 
 void resetOnClose( int fd ) {

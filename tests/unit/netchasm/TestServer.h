@@ -20,6 +20,7 @@ class TestServer {
 
    std::uint16_t port() const { return port_; }
    int connections() const { return connections_; }
+   int ended() const { return ended_; } ///< handlers that have returned
 
  private:
    void accept();
@@ -27,7 +28,7 @@ class TestServer {
    Handler handler_;
    int listener_;
    std::uint16_t port_;
-   std::atomic< int > connections_ = 0;
+   std::atomic< int > connections_ = 0, ended_ = 0;
    std::atomic< bool > stop_ = false;
    std::mutex mutex_;
    std::list< int > open_;
@@ -37,9 +38,8 @@ class TestServer {
 
 /// A port of this address where nothing listens.
 std::uint16_t unusedPort();
-/// A listening socket on loopback that nobody accepts from; the kernel completes handshakes. The caller
-/// closes it.
-int silentListener( std::uint16_t & port, int backlog );
+/// A listening socket that nobody accepts from; the kernel completes handshakes. The caller closes it.
+int listenOn( const std::string & address, std::uint16_t & port, int backlog );
 
 /// Reads up to the end of a request's header block; empty when the peer went away first.
 std::string readRequest( int fd );
@@ -47,8 +47,6 @@ std::string readRequest( int fd );
 bool writeAll( int fd, std::string_view bytes );
 /// Until the peer ends the connection.
 void waitForEnd( int fd );
-/// Until the peer ends the connection or the time has passed: true when it ended.
-bool endsWithin( int fd, int ms );
 /// Makes the close that follows a reset.
 void resetOnClose( int fd );
 

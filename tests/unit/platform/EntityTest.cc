@@ -1,5 +1,7 @@
+#include "platform/EntityManager.h"
 #include "platform/Reactor.h"
 #include "platform/state/HmState.h"
+#include "platform/state/Profile.h"
 
 #include <gmock/gmock.h>
 
@@ -7,7 +9,6 @@ using namespace platform;
 using HmState::NexthopGroupConfig;
 using HmState::NexthopGroupProbeConfig;
 using HmState::ProbeConfig;
-using HmState::ServerConfig;
 using testing::ElementsAre;
 
 namespace {
@@ -89,16 +90,11 @@ TEST( Entity, CollectionsMayChangeWhileTheyAreWalked ) {
       resumed.push_back( item.key.text() );
    }
    EXPECT_THAT( resumed, ElementsAre( "10.0.0.9" ) );
-   group->serverIpDelAll();
-   EXPECT_EQ( group->serverIpCount(), 0u );
 }
 
 TEST( Entity, WatchersMayComeAndGoWhileTheyAreTold ) {
    Ptr<ProbeConfig> config = new ProbeConfig;
-   Ptr<Recorder> late = new Recorder;
-   Ptr<Recorder> leaving = new Recorder;
-   Ptr<Recorder> last = new Recorder;
-   Ptr<Recorder> self = new Recorder;
+   Ptr<Recorder> self = new Recorder, leaving = new Recorder, late = new Recorder, last = new Recorder;
    // The first drops itself out of its own handler, ends the second's watch, and brings in a third.
    self->follow( config, ProbeConfig::globalUrlAttr(), [&] {
       leaving->unwatchAll();
@@ -115,24 +111,6 @@ TEST( Entity, WatchersMayComeAndGoWhileTheyAreTold ) {
    EXPECT_EQ( last->seen.size(), 2u );
    EXPECT_GE( late->seen.size(), 1u );
    EXPECT_EQ( self, nullptr );
-}
-
-TEST( Entity, UpdateShowsSeveralAttributesAsOneChange ) {
-   Ptr<NexthopGroupProbeConfig> group = new NexthopGroupProbeConfig( "web" );
-   Ptr<Recorder> recorder = new Recorder;
-   std::string vipAtUrlChange;
-   recorder->follow(
-         group, NexthopGroupProbeConfig::httpUrlAttr(), [&] { vipAtUrlChange = group->vip().text(); } );
-   recorder->follow( group, NexthopGroupProbeConfig::vipAttr() );
-   {
-      const EntityUpdate update( *group );
-      group->httpUrlIs( "http://a/" );
-      group->httpUrlIs( "http://b/" );
-      group->vipIs( ip( "192.0.2.1" ) );
-      EXPECT_TRUE( recorder->seen.empty() );
-   }
-   EXPECT_THAT( recorder->seen, ElementsAre( "httpUrl", "vip" ) );
-   EXPECT_EQ( vipAtUrlChange, "192.0.2.1" );
 }
 
 TEST( Entity, TreeObserversSeeEveryChangeBelowThemByItsPath ) {
@@ -153,107 +131,44 @@ TEST( Entity, TreeObserversSeeEveryChangeBelowThemByItsPath ) {
                                  "probe nhgProbeConfig a/b" ) );
 }
 
-TEST( EntityDescription, ListsAttributesInOrderAndReadsThemAsText ) {
-   std::vector<std::string> names;
-   for ( const auto * attribute : NexthopGroupProbeConfig::entityType().attributes() ) {
-      names.push_back( attribute->name() );
+TEST( EntityDescription, RefusesWhatIsOutOfBounds ) {
+   struct Attribute {
+      const char * name;
+      std::vector<std::string> good, bad;
+   };
+   const Attribute attributes[] = {
+         { "monitoringEnabled", { "true" }, { "yes" } },
+         { "probeInterval", { "0.1" }, { "0", "-5", "nan", "1e400" } },
+         { "maxNumberOfThreads", { "1" }, { "0", "65536", "99999999999999999999", "4 " } },
+         { "niceValue", { "-20" }, { "20" } },
+         { "encapDstMac", { "02:00:00:00:00:01" }, { "02:00:00:00:00:0g", "0200.0000.0001" } },
+         { "sslProfile", { "naïve" }, { "\xed\xa0\x80", "\xc0\xaf" } },
+         { "globalUrl",
+               { "https://10.0.0.1:8443/x", "http://[2001:db8::1]:8080", "http://web_1.a-b/?q=[1]&r='#s",
+                     "http://h/%22", "http://user:pass@h:80/", "http://h/\xc3\xa9" },
+               { "ftp://10.0.0.1/", "http://10.0.0.1/a b", "http://", "http://:80/", "http://[2001:db8::1/",
+                     "http://h:99999/", "http://[:]/x", "http://[10.0.0.1]/x", "http://[fe80::1%eth0]/x",
+                     "http://[::1]x/", "http://a\"b/", "http://a%41b/", "http://a,b/", "http://h/\"",
+                     "http://h\\x", "http://user@other@h/", "http://h:/", "http://h/\xff" } },
+         { "tcpUrl", { "tcp://[2001:db8::1]:443", "tcp://db_1.a-b:65535" },
+               { "tcp://10.0.0.1:0", "tcp://10.0.0.1:65536", "tcp://10.0.0.1", "tcp://[2001:db8::1]",
+                     "tcp://1.1.1.1:80/", "tcp://1.1.1.1:80/abc:81", "tcp://a:b@h:80" } },
+   };
+   for ( const auto & [name, good, bad] : attributes ) {
+      const auto * attribute = ProbeConfig::entityType().attribute( name );
+      attribute = attribute ? attribute : NexthopGroupProbeConfig::entityType().attribute( name );
+      for ( const auto & text : good ) {
+         EXPECT_EQ( attribute->scalar()->check( text ), std::nullopt ) << name << " = " << text;
+      }
+      for ( const auto & text : bad ) {
+         EXPECT_NE( attribute->scalar()->check( text ), std::nullopt ) << name << " = " << text;
+      }
    }
-   EXPECT_THAT( names, ElementsAre( "httpUrl", "tcpUrl", "probeInterval", "sslProfile", "vip", "disabled",
-                             "timeout", "retryDelay", "retryCount" ) );
-
-   Ptr<ProbeConfig> config = new ProbeConfig;
    const auto * groups = ProbeConfig::entityType().attribute( "nhgProbeConfig" )->collection();
-   Ptr<Recorder> recorder = new Recorder;
-   std::string urlWhenSeen;
-   recorder->follow( config, ProbeConfig::nhgProbeConfigAttr(),
-         [&] { urlWhenSeen = config->nhgProbeConfig( "web" )->httpUrl(); } );
-   const auto entry = groups->entryNew( "web" );
-   const auto & type = groups->entryType();
-   EXPECT_EQ( type.attribute( "httpUrl" )->scalar()->textIs( *entry, "http://10.0.0.1/" ), std::nullopt );
-   EXPECT_EQ( type.attribute( "timeout" )->scalar()->textIs( *entry, "86401" ), "out of range 1..86400" );
-   EXPECT_EQ( type.attribute( "timeout" )->scalar()->text( *entry ), "10" );
-   EXPECT_EQ( type.attribute( "probeInterval" )->scalar()->defaultText(), "5" );
-   groups->insert( *config, "web", entry );
-   EXPECT_EQ( urlWhenSeen, "http://10.0.0.1/" ); // nobody saw it half filled
-   EXPECT_EQ( groups->nextKey( *config, std::nullopt ), "web" );
-   EXPECT_EQ( groups->nextKey( *config, "web" ), std::nullopt );
+   EXPECT_EQ( groups->keyCheck( std::string( 255, 'x' ) ), std::nullopt );
    EXPECT_EQ( groups->keyCheck( "" ), "is empty" );
    EXPECT_EQ( groups->keyCheck( std::string( 256, 'x' ) ), "is longer than 255 bytes" );
    EXPECT_EQ( groups->keyCheck( "\xff" ), "is not UTF-8 text" );
-
-   const auto * vips = ProbeConfig::entityType().attribute( "pingDisabledVip" )->set();
-   vips->insert( *config, "2001:DB8:0::1" );
-   EXPECT_TRUE( vips->has( *config, "2001:db8::1" ) );
-   EXPECT_EQ( vips->keyNormal( "2001:DB8:0::1" ), "2001:db8::1" );
-}
-
-TEST( EntityDescription, RefusesWhatIsOutOfBounds ) {
-   struct Case {
-      const char * attribute;
-      const char * text;
-      bool good;
-   };
-   const Case cases[] = {
-         { "monitoringEnabled", "true", true },
-         { "monitoringEnabled", "yes", false },
-         { "probeInterval", "0.1", true },
-         { "probeInterval", "0", false },
-         { "probeInterval", "-5", false },
-         { "probeInterval", "nan", false },
-         { "probeInterval", "1e400", false },
-         { "maxNumberOfThreads", "0", false },
-         { "maxNumberOfThreads", "65536", false },
-         { "maxNumberOfThreads", "99999999999999999999", false },
-         { "maxNumberOfThreads", "4 ", false },
-         { "niceValue", "-20", true },
-         { "niceValue", "20", false },
-         { "encapUdpDstPort", "0", false },
-         { "encapDstMac", "02:00:00:00:00:01", true },
-         { "encapDstMac", "02:00:00:00:00:0g", false },
-         { "encapDstMac", "0200.0000.0001", false },
-         { "globalUrl", "https://10.0.0.1:8443/x", true },
-         { "globalUrl", "ftp://10.0.0.1/", false },
-         { "globalUrl", "http://10.0.0.1/a b", false },
-         { "globalUrl", "http://[2001:db8::1]:8080", true },
-         { "globalUrl", "http://", false },
-         { "globalUrl", "http://:80/", false },
-         { "globalUrl", "http://[2001:db8::1/", false },
-         { "globalUrl", "http://h:99999/", false },
-         { "globalUrl", "http://[:]/x", false },
-         { "globalUrl", "http://[10.0.0.1]/x", false },
-         { "globalUrl", "http://[]/x", false },
-         { "globalUrl", "http://[fe80::1%eth0]/x", false },
-         { "globalUrl", "http://[::1]x/", false },
-         { "globalUrl", "http://a\"b/", false },
-         { "globalUrl", "http://a%41b/", false },
-         { "globalUrl", "http://a,b/", false },
-         { "globalUrl", "http://web_1.a-b/?q=[1]&r='#s", true },
-         { "globalUrl", "http://h/\"", false },
-         { "globalUrl", "http://h\\x", false },
-         { "globalUrl", "http://h/%22", true },
-         { "globalUrl", "http://user:pass@h:80/", true },
-         { "globalUrl", "http://user@other@h/", false },
-         { "globalUrl", "http://h:/", false },
-         { "globalUrl", "http://h/\xff", false },
-         { "globalUrl", "http://h/\xc3\xa9", true },
-         { "sslProfile", "\xed\xa0\x80", false },
-         { "sslProfile", "\xc0\xaf", false },
-         { "tcpUrl", "tcp://[2001:db8::1]:443", true },
-         { "tcpUrl", "tcp://db_1.a-b:65535", true },
-         { "tcpUrl", "tcp://10.0.0.1:0", false },
-         { "tcpUrl", "tcp://10.0.0.1:65536", false },
-         { "tcpUrl", "tcp://10.0.0.1", false },
-         { "tcpUrl", "tcp://[2001:db8::1]", false },
-         { "tcpUrl", "tcp://1.1.1.1:80/", false },
-         { "tcpUrl", "tcp://1.1.1.1:80/abc:zz", false },
-         { "tcpUrl", "tcp://1.1.1.1:80/abc:81", false },
-         { "tcpUrl", "tcp://a:b@h:80", false },
-   };
-   for ( const auto & c : cases ) {
-      const auto * attribute = ProbeConfig::entityType().attribute( c.attribute );
-      attribute = attribute ? attribute : NexthopGroupProbeConfig::entityType().attribute( c.attribute );
-      EXPECT_EQ( !attribute->scalar()->check( c.text ), c.good ) << c.attribute << " = " << c.text;
-   }
 }
 
 TEST( EntityPath, AnyKeyIsOneComponent ) {
@@ -264,4 +179,21 @@ TEST( EntityPath, AnyKeyIsOneComponent ) {
    }
    EXPECT_EQ( pathUnescape( "a%2" ), std::nullopt );
    EXPECT_EQ( pathUnescape( "a%zz" ), std::nullopt );
+}
+
+TEST( EntityManager, MountsKnownProfilesAndOnlyTheStatusIsTheAgents ) {
+   const Ptr<EntityManager> manager = new EntityManager;
+   manager->profileIs( healthMonitorProfile() );
+   EXPECT_TRUE( manager->agentWrites( "healthMonitor/status/serverStatus/nhgProbeStatus/web" ) );
+   EXPECT_FALSE( manager->agentWrites( "healthMonitor/status/serverStatusX" ) );
+   EXPECT_FALSE( manager->agentWrites( "healthMonitor/config/probeConfig" ) );
+   std::vector<MountStatus> outcomes;
+   for ( const char * name : { "HealthMonitor", "Other" } ) {
+      const Ptr<MountGroup> group =
+            new MountGroup( manager, [&]( MountStatus status ) { outcomes.push_back( status ); } );
+      group->mountProfile( name );
+      group->close( false, "", Seconds{ 0 } );
+      group->close( false, "", Seconds{ 0 } );
+   }
+   EXPECT_THAT( outcomes, ElementsAre( MountStatus::success, MountStatus::unknownProfile ) );
 }

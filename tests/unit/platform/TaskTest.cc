@@ -20,6 +20,13 @@ class Tasks : public testing::Test {
       made->runHandlerIs( [this, name] { log += name; } );
       return made;
    }
+   /// What ran in this time.
+   std::string ranAfter( std::chrono::seconds time ) {
+      log.clear();
+      clock.advance( time );
+      scheduler->runUntilIdle();
+      return log;
+   }
 };
 
 } // namespace
@@ -31,8 +38,7 @@ TEST_F( Tasks, RunByPriorityThenInTurnAndOnceForManyRequests ) {
    a->scheduleTask();
    urgent->scheduleTask();
    EXPECT_TRUE( a->taskScheduled() );
-   scheduler->runUntilIdle();
-   EXPECT_EQ( log, "uab" );
+   EXPECT_EQ( ranAfter( 0s ), "uab" );
    EXPECT_FALSE( a->taskScheduled() );
 }
 
@@ -68,21 +74,13 @@ TEST_F( Tasks, DelaysHoldTheEarlierAndGiveWayToAPlainRequest ) {
    timer->scheduleTaskDelay( Seconds{ 5 } );
    timer->scheduleTaskDelay( Seconds{ 2 } );
    timer->scheduleTaskDelay( Seconds{ 9 } );
-   scheduler->runUntilIdle();
-   EXPECT_EQ( log, "" );
-   clock.advance( 2s );
-   scheduler->runUntilIdle();
-   EXPECT_EQ( log, "t" );
-   clock.advance( 20s );
-   scheduler->runUntilIdle();
-   EXPECT_EQ( log, "t" ); // the other two were merged into the first
+   EXPECT_EQ( ranAfter( 1s ), "" );
+   EXPECT_EQ( ranAfter( 1s ), "t" );
+   EXPECT_EQ( ranAfter( 20s ), "" ); // the other two were merged into the first
    timer->scheduleTaskDelay( Seconds{ 5 } );
    timer->scheduleTask();
-   scheduler->runUntilIdle();
-   EXPECT_EQ( log, "tt" );
-   clock.advance( 20s );
-   scheduler->runUntilIdle();
-   EXPECT_EQ( log, "tt" );
+   EXPECT_EQ( ranAfter( 0s ), "t" );
+   EXPECT_EQ( ranAfter( 20s ), "" );
 }
 
 TEST_F( Tasks, ATaskThatGoesAwayIsForgotten ) {
@@ -95,9 +93,7 @@ TEST_F( Tasks, ATaskThatGoesAwayIsForgotten ) {
    self->scheduleTask();
    gone = nullptr;
    delayed = nullptr;
-   clock.advance( 2s );
-   scheduler->runUntilIdle();
-   EXPECT_EQ( log, "" );
+   EXPECT_EQ( ranAfter( 2s ), "" );
    EXPECT_EQ( self, nullptr );
 }
 

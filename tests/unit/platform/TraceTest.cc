@@ -1,7 +1,5 @@
 #include "platform/Trace.h"
 
-#include "platform/Assert.h"
-
 #include <filesystem>
 #include <fstream>
 
@@ -111,21 +109,4 @@ TEST( TraceLevels, AreReadAsOperatorsWriteThem ) {
    EXPECT_EQ( b->levels(), 1 << 9 );
    EXPECT_THAT( *traceSpecApply( "A=3,B=17" ), HasSubstr( "\"B=17\" is not" ) );
    EXPECT_EQ( a->levels(), 0b100011 ); // nothing of a bad text is applied
-}
-
-TEST( TraceLevels, TellTheirObservers ) {
-   const auto facility = TraceFacility::find( "observed" );
-   int told = 0;
-   auto token = facility->observe( [&] { ++told; } );
-   facility->levelsIs( 1 << 5 );
-   facility->levelsIs( 1 << 5 );
-   token.reset();
-   facility->levelsIs( 0 );
-   EXPECT_EQ( told, 1 );
-}
-
-TEST( AssertDeathTest, NamesExpressionAndMessageAndStopsTheProcess ) {
-   const int mark = 0;
-   EXPECT_EXIT( HM_ASSERT( mark > 0, "mark missing for {}", "10.0.0.1" ), testing::KilledBySignal( SIGABRT ),
-         "assertion failed: mark > 0: mark missing for 10.0.0.1" );
 }
