@@ -152,12 +152,15 @@ TEST_F( Queue, StopsWithWorkLeftOver ) {
 
 class Written : public StateTest {
  protected:
-   std::string written( StateWriter::Format format, const std::string & path ) const {
+   StateWriter writer( StateWriter::Format format, const std::string & path ) const {
       SchemaPlace place;
       EXPECT_FALSE( schema->resolve( path, place ) );
-      StateWriter writer( format, { { place, entityAt( *manager, place ) } } );
+      return { format, { { place, entityAt( *manager, place ) } } };
+   }
+   std::string written( StateWriter::Format format, const std::string & path ) const {
+      auto writing = writer( format, path );
       std::string text;
-      while ( writer.write( text ) ) {}
+      while ( writing.write( text ) ) {}
       return text;
    }
 };
@@ -191,6 +194,22 @@ TEST_F( Written, JsonIsValidWhateverNamesHold ) {
    EXPECT_EQ( content["probeInterval"], 5 );
    EXPECT_EQ( content["monitoringEnabled"], false );
    EXPECT_TRUE( content["pingDisabledVip"].is_array() );
+}
+
+TEST_F( Written, JsonIsValidThoughTheStateChangesUnderIt ) {
+   for ( int i = 0; i < 20'000; ++i ) {
+      probeConfig()->nhgProbeConfigIs( "group" + std::to_string( i ) );
+   }
+   auto writing = writer( StateWriter::Format::json, probe );
+   std::string text;
+   writing.write( text );
+   for ( int i = 0; i < 20'000; i += 2 ) {
+      probeConfig()->nhgProbeConfigDel( "group" + std::to_string( i ) );
+   }
+   while ( writing.write( text ) ) {}
+   const auto groups = Json::parse( text )[probe]["nhgProbeConfig"].size();
+   EXPECT_GE( groups, 10'000u );
+   EXPECT_LT( groups, 15'000u ); // most was not written yet
 }
 
 } // namespace host

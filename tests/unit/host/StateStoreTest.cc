@@ -325,10 +325,9 @@ class Keeping : public ::testing::Test {
       EXPECT_TRUE( run.turnUntil( [&] { return store->got( count ); } ) );
       return store->taken();
    }
-   void foreign( const std::string & interval ) {
+   void foreign() {
       store->tell( StoreEvent::Kind::foreign );
       ASSERT_THAT( next(), ElementsAre( "read" ) );
-      answer( interval );
    }
    void answer( const std::string & interval ) {
       StoredState state;
@@ -388,13 +387,13 @@ TEST_F( Keeping, WhoAsksIsToldOnceItIsStored ) {
 }
 
 TEST_F( Keeping, ForeignConfigurationIsAppliedUnlessOursIsNewer ) {
-   foreign( "3" );
+   foreign();
+   answer( "3" );
    EXPECT_TRUE( run.turnUntil( [&] { return run.probeConfig()->probeInterval() == Seconds{ 3 }; } ) );
    EXPECT_THAT( next(), ElementsAre( "batch/probeConfig probeInterval=3" ) );
    written();
 
-   store->tell( StoreEvent::Kind::foreign );
-   ASSERT_THAT( next(), ElementsAre( "read" ) );
+   foreign();
    run.probeConfig()->probeIntervalIs( Seconds{ 4 } );
    answer( "5" );
    EXPECT_THAT( next(), ElementsAre( "batch/probeConfig probeInterval=4" ) );
@@ -404,7 +403,8 @@ TEST_F( Keeping, ForeignConfigurationIsAppliedUnlessOursIsNewer ) {
 }
 
 TEST_F( Keeping, WhatIsRefusedIsToldAndPutBack ) {
-   foreign( "soon" );
+   foreign();
+   answer( "soon" );
    EXPECT_THAT( next( 2 ),
          ElementsAre( HasSubstr( "refused store: " + probe + ": probeInterval: \"soon\"" ), "whole batch" ) );
    EXPECT_EQ( run.probeConfig()->probeInterval(), Seconds{ 5 } );
@@ -416,11 +416,9 @@ TEST( StoreUrls, AreReadOrRefused ) {
    const auto read = []( const std::string & text ) {
       StoreUrl url;
       const auto refusal = StoreUrl::fromText( text, url );
+      const char * kinds[] = { "memory", "sqlite", "redis" };
       return refusal.value_or( fmt::format( "{} path '{}' host '{}' port {} database {}",
-            url.kind == StoreUrl::Kind::memory   ? "memory"
-            : url.kind == StoreUrl::Kind::sqlite ? "sqlite"
-                                                 : "redis",
-            url.path, url.host, url.port, url.database ) );
+            kinds[static_cast<int>( url.kind )], url.path, url.host, url.port, url.database ) );
    };
    const std::pair<const char *, const char *> rows[] = {
          { "memory:", "memory path '' host '' port 6379 database 0" },
@@ -429,7 +427,8 @@ TEST( StoreUrls, AreReadOrRefused ) {
          { "redis://10.0.0.1:7000/3", "redis path '' host '10.0.0.1' port 7000 database 3" },
          { "redis://[2001:db8::1]:7000/", "redis path '' host '2001:db8::1' port 7000 database 0" },
          { "redis+unix:/run/r.sock?db=2", "redis path '/run/r.sock' host '' port 6379 database 2" },
-         { "redis+unix:///run/r.sock", "redis path '/run/r.sock' host '' port 6379 database 0" } };
+         { "redis+unix:///run/r.sock", "redis path '/run/r.sock' host '' port 6379 database 0" },
+   };
    for ( const auto & [text, parts] : rows ) {
       EXPECT_EQ( read( text ), parts );
    }
