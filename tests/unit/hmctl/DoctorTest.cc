@@ -22,13 +22,29 @@ FilteredPacket echo( const char * vip = "192.0.2.10", unsigned type = 8 ) {
    return { address( vip ).family, Protocol::icmp, address( vip ), 0, type };
 }
 
-std::vector<std::string> hooks( const FilterRules & rules, const FilteredPacket & packet ) {
-   std::vector<std::string> all;
-   for ( const auto & each : rules.queued( packet ) ) {
-      all.push_back( each.type + " " + each.hook + ( each.bypass ? " bypass" : "" ) );
+/// Rules, and which packets they hand to queue 0.
+struct RulesRow {
+   const char * name;
+   std::string place, rules; // table and lines, or chain and expressions
+   std::string hook;         // of those that are taken
+   std::vector<FilteredPacket> taken, left;
+
+   void expect( const FilterRules & read ) const {
+      const auto hooks = [&]( const FilteredPacket & packet ) {
+         std::string all;
+         for ( const auto & each : read.queued( packet ) ) {
+            all += each.type + " " + each.hook + ( each.bypass ? " bypass" : "" );
+         }
+         return all;
+      };
+      for ( const auto & packet : taken ) {
+         EXPECT_EQ( hooks( packet ), hook ) << name << packet.mark << packet.destination.text();
+      }
+      for ( const auto & packet : left ) {
+         EXPECT_EQ( hooks( packet ), "" ) << name << packet.mark << packet.destination.text();
+      }
    }
-   return all;
-}
+};
 
 FilterRules iptables( const std::string & table, const std::string & lines, int family = 4 ) {
    FilterRules rules;
@@ -49,47 +65,38 @@ const std::string echoes6 =
       "-A PREROUTING -d 2001:db8::10/128 -p ipv6-icmp -m icmp6 --icmpv6-type 128 -j NFQUEUE --queue-num 0\n";
 
 TEST( IptablesRules, DecideWhatGoesToQueueZero ) {
-   const struct {
-      const char * name;
-      std::string table, lines;
-      FilteredPacket packet;
-      std::vector<std::string> hooks;
-   } rows[] = {
-         { "first mark", "mangle", marked, probe( 1 ), { "route output" } },
-         { "last mark", "mangle", marked, probe( 0x3fff ), { "route output" } },
-         { "no mark", "mangle", marked, probe( 0 ), {} },
-         { "mark beyond", "mangle", marked, probe( 0x4001 ), {} },
-         { "another protocol", "mangle", marked, echo(), {} },
-         { "in nat", "nat", marked, probe( 1 ), { "nat output" } },
-         { "echo request", "mangle", echoes, echo(), { "filter prerouting" } },
-         { "echo request to another address", "mangle", echoes, echo( "192.0.2.11" ), {} },
-         { "another message", "mangle", echoes, echo( "192.0.2.10", 0 ), {} },
+   const std::string output = "route output", queue = " -j NFQUEUE --queue-num 0\n";
+   const RulesRow rows[] = {
+         { "marks", "mangle", marked, output, { probe( 1 ), probe( 0x3fff ) },
+               { probe( 0 ), probe( 0x4001 ), echo() } },
+         { "in nat", "nat", marked, "nat output", { probe( 1 ) }, {} },
+         { "echo requests", "mangle", echoes, "filter prerouting", { echo() },
+               { echo( "192.0.2.11" ), echo( "192.0.2.10", 0 ) } },
          { "a network's", "mangle", "-A PREROUTING -d 192.0.2.0/28 -p icmp -j NFQUEUE --queue-balance 0:3\n",
-               echo(), { "filter prerouting" } },
-         { "outside of the network", "mangle", "-A PREROUTING ! -d 192.0.2.0/28 -j NFQUEUE --queue-num 0\n",
-               echo(), {} },
-         { "another queue", "mangle", "-A OUTPUT -p tcp -j NFQUEUE --queue-num 1\n", probe( 1 ), {} },
-         { "bypass", "mangle", "-A OUTPUT -p tcp -j NFQUEUE --queue-num 0 --queue-bypass\n", probe( 1 ),
-               { "route output bypass" } },
-         { "by way of a chain", "mangle", "-A OUTPUT -o e1 -j HM\n-A HM -p tcp -j NFQUEUE --queue-num 0\n",
-               probe( 1 ), { "route output" } },
-         { "a chain that nobody jumps to", "mangle", "-A HM -p tcp -j NFQUEUE --queue-num 0\n", probe( 1 ),
-               {} },
-         { "accepted before", "mangle", "-A OUTPUT -p tcp -j ACCEPT\n" + marked, probe( 1 ), {} },
-         { "accepted before, on one link", "mangle", "-A OUTPUT -o e1 -j ACCEPT\n" + marked, probe( 1 ),
-               { "route output" } },
-         { "mark of the connection", "mangle", "-A OUTPUT -m connmark --mark 0x5 -j NFQUEUE --queue-num 0\n",
-               probe( 1 ), { "route output" } },
-         { "chains that jump in a circle", "mangle", "-A OUTPUT -j HM\n-A HM -j HM\n" + marked, probe( 1 ),
-               { "route output" } },
-         { "garbage", "mangle", "-A\n-A NONE -j\n-A OUTPUT -p\n-A OUTPUT \"\n", probe( 1 ), {} },
+               "filter prerouting", { echo() }, { echo( "192.0.2.16" ) } },
+         { "outside of the network", "mangle", "-A PREROUTING ! -d 192.0.2.0/28" + queue, "filter prerouting",
+               { echo( "192.0.2.16" ) }, { echo() } },
+         { "another queue", "mangle", "-A OUTPUT -p tcp -j NFQUEUE --queue-num 1\n", "", {}, { probe( 1 ) } },
+         { "bypass", "mangle", "-A OUTPUT -p tcp -j NFQUEUE --queue-num 0 --queue-bypass\n",
+               "route output bypass", { probe( 1 ) }, {} },
+         { "by way of a chain", "mangle", "-A OUTPUT -o e1 -j HM\n-A HM -p tcp" + queue, output,
+               { probe( 1 ) }, {} },
+         { "a chain that nobody jumps to", "mangle", "-A HM -p tcp" + queue, "", {}, { probe( 1 ) } },
+         { "accepted before", "mangle", "-A OUTPUT -p tcp -j ACCEPT\n" + marked, "", {}, { probe( 1 ) } },
+         { "accepted before, on one link", "mangle", "-A OUTPUT -o e1 -j ACCEPT\n" + marked, output,
+               { probe( 1 ) }, {} },
+         { "mark of the connection", "mangle", "-A OUTPUT -m connmark --mark 0x5" + queue, output,
+               { probe( 1 ) }, {} },
+         { "chains that jump in a circle", "mangle", "-A OUTPUT -j HM\n-A HM -j HM\n" + marked, output,
+               { probe( 1 ) }, {} },
+         { "garbage", "mangle", "-A\n-A NONE -j\n-A OUTPUT -p\n-A OUTPUT \"\n", "", {}, { probe( 1 ) } },
    };
    for ( const auto & row : rows ) {
-      EXPECT_EQ( hooks( iptables( row.table, row.lines ), row.packet ), row.hooks ) << row.name;
+      row.expect( iptables( row.place, row.rules ) );
    }
-   EXPECT_EQ( hooks( iptables( "mangle", echoes6, 6 ), echo( "2001:db8::10" ) ).size(), 1u );
-   EXPECT_THAT( hooks( iptables( "mangle", echoes6, 6 ), echo( "2001:db8::10", 135 ) ), IsEmpty() );
-   EXPECT_THAT( hooks( iptables( "mangle", marked, 6 ), probe( 1 ) ), IsEmpty() );
+   const RulesRow six{ "IPv6", "mangle", echoes6 + marked, "filter prerouting", { echo( "2001:db8::10" ) },
+         { echo( "2001:db8::10", 135 ), probe( 1 ) } };
+   six.expect( iptables( six.place, six.rules, 6 ) );
 }
 
 // A ruleset with chains "out" (route, output), "in" (filter, prerouting) and "user", and a named set.
@@ -113,74 +120,61 @@ FilterRules nft(
    return rules;
 }
 
-const std::string tcpOnly =
-      R"({"match": {"op": "==", "left": {"meta": {"key": "l4proto"}}, "right": "tcp"}}, )";
-const std::string queueZero = R"({"counter": {"packets": 0, "bytes": 0}}, {"queue": {"num": 0}})";
-
-std::string markIs( const std::string & operation, const std::string & right,
-      const std::string & left = R"({"meta": {"key": "mark"}})" ) {
+std::string match(
+      const std::string & left, const std::string & right, const std::string & operation = "==" ) {
    return R"({"match": {"op": ")" + operation + R"(", "left": )" + left + R"(, "right": )" + right + "}}, ";
 }
 
-std::string goesTo( const std::string & right ) {
-   return R"({"match": {"op": "==", "left": {"payload": {"protocol": "ip", "field": "daddr"}}, "right": )" +
-          right + "}}, ";
+std::string masked( const std::string & left, int mask ) {
+   return R"({"&": [)" + left + ", " + std::to_string( mask ) + "]}";
 }
 
 TEST( NftRules, DecideWhatGoesToQueueZero ) {
-   const std::string isEcho =
-         R"({"match": {"op": "==", "left": {"payload": {"protocol": "icmp", "field": "type"}}, "right": "echo-request"}}, )";
-   const std::string ofMarks = tcpOnly + markIs( "!=", "0", R"({"&": [{"meta": {"key": "mark"}}, 16383]})" ) +
-                               markIs( "==", R"({"prefix": {"addr": 0, "len": 18}})" ) + queueZero;
-   const struct {
-      const char * name;
-      std::string chain, expressions;
-      FilteredPacket packet;
-      std::vector<std::string> hooks;
-   } rows[] = {
-         { "first mark", "out", ofMarks, probe( 1 ), { "route output" } },
-         { "no mark", "out", ofMarks, probe( 0 ), {} },
-         { "mark beyond", "out", ofMarks, probe( 0x4001 ), {} },
-         { "IPv6 too", "out", ofMarks, probe( 1, "2001:db8::10" ), { "route output" } },
-         { "range of marks", "out", markIs( "==", R"({"range": [1, 16383]})" ) + queueZero, probe( 0x3fff ),
-               { "route output" } },
-         { "below the range", "out", markIs( "==", R"({"range": [1, 16383]})" ) + queueZero, probe( 0 ), {} },
-         { "set of marks", "out", markIs( "==", R"({"set": [1, {"range": [5, 7]}]})" ) + queueZero,
-               probe( 6 ), { "route output" } },
-         { "an operation that is not known", "out", markIs( "<", "5" ) + queueZero, probe( 6 ),
-               { "route output" } },
-         { "another protocol", "out", tcpOnly + queueZero, echo(), {} },
-         { "echo request", "in", goesTo( "\"192.0.2.10\"" ) + isEcho + queueZero, echo(),
-               { "filter prerouting" } },
-         { "another message", "in", isEcho + queueZero, echo( "192.0.2.10", 0 ), {} },
-         { "a member of a named set", "in", goesTo( "\"@vips\"" ) + queueZero, echo( "198.51.100.7" ),
-               { "filter prerouting" } },
-         { "a member with a counter", "in", goesTo( "\"@vips\"" ) + queueZero, echo( "203.0.113.1" ),
-               { "filter prerouting" } },
-         { "no member of it", "in", goesTo( "\"@vips\"" ) + queueZero, echo( "198.51.101.7" ), {} },
-         { "no fragment", "in",
-               goesTo( "\"@vips\"" ) +
-                     R"({"match": {"op": "==", "left": {"&": [{"payload": {"protocol": "ip", "field": "frag-off"}}, 16383]}, "right": 0}}, )" +
-                     isEcho + queueZero,
-               echo(), { "filter prerouting" } },
-         { "a named set that is empty", "in", goesTo( "\"@none\"" ) + queueZero, echo(), {} },
-         { "a range of addresses", "in", goesTo( R"({"range": ["192.0.2.1", "192.0.2.20"]})" ) + queueZero,
-               echo(), { "filter prerouting" } },
-         { "IPv4 only", "in", goesTo( "\"192.0.2.10\"" ) + queueZero, echo( "2001:db8::10" ), {} },
-         { "by way of a chain", "out", R"({"jump": {"target": "user"}})", probe( 1 ),
-               { "route output bypass" } },
+   const std::string output = "route output", prerouting = "filter prerouting";
+   const std::string queueZero = R"({"counter": {"packets": 0, "bytes": 0}}, {"queue": {"num": 0}})";
+   const std::string mark = R"({"meta": {"key": "mark"}})";
+   const std::string destination = R"({"payload": {"protocol": "ip", "field": "daddr"}})";
+   const std::string fragment = R"({"payload": {"protocol": "ip", "field": "frag-off"}})";
+   const auto ofTcp = match( R"({"meta": {"key": "l4proto"}})", R"("tcp")" );
+   const auto ofMarks =
+         match( masked( mark, 16383 ), "0", "!=" ) + match( mark, R"({"prefix": {"addr": 0, "len": 18}})" );
+   const auto isEcho = match( R"({"payload": {"protocol": "icmp", "field": "type"}})", R"("echo-request")" );
+   const auto toVips = match( destination, R"("@vips")" );
+   const RulesRow rows[] = {
+         { "marks", "out", ofTcp + ofMarks + queueZero, output, { probe( 1 ), probe( 1, "2001:db8::10" ) },
+               { probe( 0 ), probe( 0x4001 ), echo() } },
+         { "range of marks", "out", match( mark, R"({"range": [1, 16383]})" ) + queueZero, output,
+               { probe( 0x3fff ) }, { probe( 0 ) } },
+         { "set of marks", "out", match( mark, R"({"set": [1, {"range": [5, 7]}]})" ) + queueZero, output,
+               { probe( 6 ) }, { probe( 4 ) } },
+         { "an operation that is not known", "out", match( mark, "5", "<" ) + queueZero, output,
+               { probe( 6 ) }, {} },
+         { "echo requests", "in", match( destination, R"("192.0.2.10")" ) + isEcho + queueZero, prerouting,
+               { echo() }, { echo( "192.0.2.10", 0 ), echo( "2001:db8::10" ) } },
+         { "members of a named set", "in", toVips + queueZero, prerouting,
+               { echo( "198.51.100.7" ), echo( "203.0.113.1" ) }, { echo( "198.51.101.7" ) } },
+         { "a named set that is empty", "in", match( destination, R"("@none")" ) + queueZero, "", {},
+               { echo() } },
+         { "no fragment", "in", toVips + match( masked( fragment, 16383 ), "0" ) + isEcho + queueZero,
+               prerouting, { echo() }, {} },
+         { "a range of addresses", "in",
+               match( destination, R"({"range": ["192.0.2.1", "192.0.2.20"]})" ) + queueZero, prerouting,
+               { echo() }, { echo( "192.0.2.21" ) } },
+         { "by way of a chain", "out", R"({"jump": {"target": "user"}})", "route output bypass",
+               { probe( 1 ) }, {} },
          { "of iptables", "out", R"({"xt": {"type": "target", "name": "NFQUEUE"}}, {"queue": {"num": 0}})",
-               probe( 1 ), {} },
-         { "another queue", "out", R"({"queue": {"num": 7}})", probe( 1 ), {} },
+               "", {}, { probe( 1 ) } },
+         { "another queue", "out", R"({"queue": {"num": 7}})", "", {}, { probe( 1 ) } },
          { "garbage", "out",
                R"(1, {}, {"match": []}, {"match": {"op": 1, "left": {"&": [1, 2]}}}, {"queue": {"num": "x"}})",
-               probe( 1 ), {} },
+               "", {}, { probe( 1 ) } },
    };
    for ( const auto & row : rows ) {
-      EXPECT_EQ( hooks( nft( row.chain, row.expressions ), row.packet ), row.hooks ) << row.name;
+      row.expect( nft( row.place, row.rules ) );
    }
-   EXPECT_THAT( hooks( nft( "out", queueZero, "ip6" ), probe( 1 ) ), IsEmpty() );
-   EXPECT_THAT( hooks( nft( "out", queueZero, "bridge" ), probe( 1 ) ), IsEmpty() );
+   for ( const char * family : { "ip6", "bridge" } ) {
+      EXPECT_THAT( nft( "out", queueZero, family ).queued( probe( 1 ) ), IsEmpty() );
+   }
    FilterRules rules;
    EXPECT_FALSE( rules.nftAdd( "nonsense" ) );
    EXPECT_FALSE( rules.nftAdd( R"({"nftables": {}})" ) );
@@ -212,6 +206,7 @@ TEST( DoctorFindings, NothingIsWrongWhereNothingIs ) {
    EXPECT_THAT( doctorFindings( {} ), IsEmpty() ); // nothing to look at, so nothing bound either
 }
 
+// Those that an operator meets first are told in the test of the program.
 TEST( DoctorFindings, OneFaultIsOneFinding ) {
    const auto rules = []( const std::string & lines, const std::string & table = "mangle" ) {
       return [=]( DoctorFacts & facts ) {
@@ -224,25 +219,13 @@ TEST( DoctorFindings, OneFaultIsOneFinding ) {
       std::function<void( DoctorFacts & )> fault;
       std::string subject, problem;
    } rows[] = {
-         { "no rules",
-               []( auto & f ) {
-                  f.groups.resize( 1 );
-                  f.rules = iptables( "mangle", echoes );
-               },
-               "IPv4 probe rules", "no rule" },
          { "rule in nat",
-               []( auto & f ) {
-                  f.groups.resize( 1 );
-                  f.rules = iptables( "nat", marked );
+               [&]( auto & f ) {
+                  rules( marked, "nat" )( f );
                   f.rules->iptablesAdd( "*mangle\n:PREROUTING -\n:PREROUTING ACCEPT\n" + echoes, 4 );
                },
                "IPv4 probe rules", "wrong place: iptables nat OUTPUT" },
-         { "rule in raw",
-               []( auto & f ) {
-                  f.groups.resize( 1 );
-                  f.rules = iptables( "raw", marked + echoes );
-               },
-               "IPv4 probe rules", "wrong place: iptables raw" },
+         { "rule in raw", rules( marked + echoes, "raw" ), "IPv4 probe rules", "wrong place: iptables raw" },
          { "only some marks",
                rules( "-A OUTPUT -p tcp -m mark --mark 0x1 -j NFQUEUE --queue-num 0\n" + echoes ),
                "IPv4 probe rules", "not take all marks" },
@@ -250,7 +233,6 @@ TEST( DoctorFindings, OneFaultIsOneFinding ) {
                "IPv4 probe rules", "without a mark" },
          { "bypass", rules( marked.substr( 0, marked.size() - 1 ) + " --queue-bypass\n" + echoes ),
                "IPv4 probe rules", "bypass" },
-         { "no echo rule", rules( marked ), "echo rules", "nobody answers them: 192.0.2.10" },
          { "echo rule too late",
                rules( marked + ":INPUT ACCEPT [0:0]\n-A INPUT -p icmp -j NFQUEUE --queue-num 0\n" ),
                "echo rules", "behind a routing decision" },
@@ -265,39 +247,17 @@ TEST( DoctorFindings, OneFaultIsOneFinding ) {
                "7 packets were lost because the queue" },
          { "not read", []( auto & f ) { f.queue->lostUnread = 8; }, "queue 0",
                "8 packets were lost because the receive" },
-         { "strict link", []( auto & f ) { f.links->at( "e1" ).rpFilter = 1; }, "reverse-path filter",
-               "answers: e1" },
          { "strict everywhere",
                []( auto & f ) {
                   f.links->at( "e1" ).rpFilter = 0;
                   f.rpFilterAll = 1;
                },
                "reverse-path filter", "answers: e1" },
-         { "no interface",
-               []( auto & f ) {
-                  f.sourceIpv4 = {};
-                  f.tunnelIntf = "";
-               },
-               "IPv4 source address", "no tunnel interface" },
          { "no address", []( auto & f ) { f.sourceIpv4 = address( "0.0.0.0" ); }, "IPv4 source address",
                "lo0 has no IPv4" },
          { "no IPv6 address", []( auto & f ) { f.sourceIpv6 = {}; }, "IPv6 source address", "or several" },
-         { "address of nobody",
-               []( auto & f ) {
-                  f.localAddresses.clear();
-                  f.groups.resize( 1 );
-               },
+         { "address of nobody", []( auto & f ) { f.localAddresses.erase( f.sourceIpv4 ); },
                "IPv4 source address", "on no interface" },
-         { "VIP owned",
-               []( auto & f ) {
-                  f.localAddresses[f.groups[0].vip] = "lo";
-                  f.routes->at( f.groups[0].vip ) = { "lo" };
-               },
-               "VIP 192.0.2.10", "interface lo has it" },
-         { "no route to the VIP", []( auto & f ) { f.routes->erase( f.groups[0].vip ); }, "VIP 192.0.2.10",
-               "no route" },
-         { "no route to a server", []( auto & f ) { f.routes->erase( address( "10.1.1.2" ) ); }, "servers",
-               "1 of them: 10.1.1.2 (group web)" },
          { "one byte too large", []( auto & f ) { f.routes->at( f.groups[0].vip ).mtu = 1451; },
                "VIP 192.0.2.10", "50 more do not fit through e1 (MTU 1500)" },
          { "IPv6 takes 70", []( auto & f ) { f.routes->at( f.groups[1].vip ).mtu = 1431; },
@@ -312,9 +272,19 @@ TEST( DoctorFindings, OneFaultIsOneFinding ) {
                   f.groups[1].checksAServer = 2;
                },
                "VIP 192.0.2.10", "may need 8 source ports" },
+         { "many in the same way",
+               []( auto & f ) {
+                  f.groups.clear();
+                  f.rules.reset();
+                  for ( const char * vip : { "192.0.2.1", "192.0.2.2", "192.0.2.3", "192.0.2.4", "192.0.2.5",
+                              "192.0.2.6", "192.0.2.7" } ) {
+                     f.groups.push_back( { vip, address( vip ), { address( "10.1.1.1" ) } } );
+                  }
+               },
+               "VIP 192.0.2.1, 192.0.2.2, 192.0.2.3, 192.0.2.4, 192.0.2.5 and 2 more", "no route" },
          { "a tool is missing",
                []( auto & f ) {
-                  f.unknown.push_back( { "nft", "is not installed" } );
+                  f.unknown.push_back( { "nft", "is not installed", "install it" } );
                   f.rules.reset();
                   f.links.reset();
                   f.routes.reset();
@@ -325,15 +295,12 @@ TEST( DoctorFindings, OneFaultIsOneFinding ) {
       auto facts = healthy();
       row.fault( facts );
       const auto findings = doctorFindings( facts );
-      if ( findings.size() != 1 ) {
-         ADD_FAILURE() << row.name << ": " << findings.size()
-                       << ( findings.empty() ? "" : ", " + findings.back().problem );
-         continue;
+      EXPECT_EQ( findings.size(), 1u ) << row.name;
+      for ( const auto & finding : findings ) {
+         EXPECT_EQ( finding.subject, row.subject ) << row.name;
+         EXPECT_THAT( finding.problem, HasSubstr( row.problem ) ) << row.name;
+         EXPECT_FALSE( finding.advice.empty() ) << row.name;
       }
-      EXPECT_EQ( findings[0].subject, row.subject ) << row.name;
-      EXPECT_THAT( findings[0].problem, HasSubstr( row.problem ) ) << row.name;
-      EXPECT_TRUE( row.name == std::string( "a tool is missing" ) || !findings[0].advice.empty() )
-            << row.name;
    }
 }
 
@@ -345,20 +312,6 @@ TEST( DoctorFindings, ARouteThatIsToHaveAnMtuKeepsItsWay ) {
    ASSERT_EQ( findings.size(), 2u );
    EXPECT_THAT( findings[0].advice, HasSubstr( "ip route replace VIP via 10.1.1.9 dev e1 mtu 1450" ) );
    EXPECT_THAT( findings[1].advice, HasSubstr( "ip -6 route replace VIP dev lo mtu 1430" ) );
-}
-
-TEST( DoctorFindings, WhatIsWrongInManyPlacesIsOneFinding ) {
-   auto facts = healthy();
-   facts.groups.clear();
-   for ( const char * vip :
-         { "192.0.2.1", "192.0.2.2", "192.0.2.3", "192.0.2.4", "192.0.2.5", "192.0.2.6", "192.0.2.7" } ) {
-      facts.groups.push_back( { vip, address( vip ), { address( "10.1.1.1" ) } } );
-      facts.routes->erase( address( vip ) );
-   }
-   facts.rules.reset();
-   const auto findings = doctorFindings( facts );
-   ASSERT_EQ( findings.size(), 1u );
-   EXPECT_EQ( findings[0].subject, "VIP 192.0.2.1, 192.0.2.2, 192.0.2.3, 192.0.2.4, 192.0.2.5 and 2 more" );
 }
 
 TEST( DoctorFacts, ComeFromTheHostsConfiguration ) {
@@ -391,11 +344,6 @@ TEST( DoctorFacts, ComeFromTheHostsConfiguration ) {
 
 TEST( DoctorFacts, ComeFromWhatProgramsPrint ) {
    DoctorFacts facts;
-   addressFactsRead(
-         R"([{"ifname":"lo","mtu":65536,"addr_info":[{"family":"inet","local":"127.0.0.1","prefixlen":8}]},{},{"ifname":"e1","mtu":1500}])",
-         facts );
-   EXPECT_EQ( facts.links->at( "e1" ).mtu, 1500u );
-   EXPECT_EQ( facts.localAddresses.at( address( "127.0.0.1" ) ), "lo" );
    routeFactsRead( R"([{"dst":"10.9.0.7","gateway":"10.0.0.2","dev":"e1","flags":[],"cache":[]}]
 [{"dst":"192.0.2.10","dev":"lo","cache":["local"],"metrics":[{"mtu":1450}]}]
 [{"type":"unreachable","dst":"2001:db8::9","dev":"lo"}]
@@ -404,8 +352,8 @@ TEST( DoctorFacts, ComeFromWhatProgramsPrint ) {
    EXPECT_EQ( facts.routes->size(), 2u );
    EXPECT_EQ( facts.routes->at( address( "192.0.2.10" ) ).mtu, 1450u );
    EXPECT_EQ( facts.routes->at( address( "10.9.0.7" ) ).gateway, "10.0.0.2" );
-   queueFactsRead( "    1   99     0 2 65531     5     6        9  1\n    0 1234     3 2 65531     7     8   "
-                   "    90  1\n",
+   queueFactsRead( "    1   99     0 2 65531     5     6        9  1\n"
+                   "    0 1234     3 2 65531     7     8       90  1\n",
          facts );
    ASSERT_TRUE( facts.queue );
    EXPECT_EQ( facts.queue->lostFull, 7u );

@@ -61,20 +61,13 @@ TEST( Words, KeysBecomePathComponents ) {
 
 class Expand : public ::testing::Test {
  protected:
-   const std::vector<std::vector<std::string>> commands{
-         { "show", "health-monitor", "summary" },
-         { "show", "health-monitor", "status", "detail" },
-         { "show", "health-monitor", "probe", "delay" },
-         { "clear", "health-monitor", "probe", "delay" },
-         { "status" },
-         { "set" },
-         { "probe" },
-         { "probe", "all" },
-         { "sets" },
-   };
+   const Stages commands{ { "show", "health-monitor", "summary" },
+         { "show", "health-monitor", "status", "detail" }, { "show", "health-monitor", "probe", "delay" },
+         { "clear", "health-monitor", "probe", "delay" }, { "status" }, { "set" }, { "probe" },
+         { "probe", "all" }, { "sets" } };
    /// The command that is meant, or what is the matter.
    std::string outcome( const std::string & line ) {
-      words = texts( line ).front();
+      const auto words = texts( line ).front();
       expansion = expand( words, commands );
       switch ( expansion.outcome ) {
       case Expansion::Outcome::found:
@@ -88,13 +81,11 @@ class Expand : public ::testing::Test {
       }
       return {};
    }
-   std::vector<std::string> words;
    Expansion expansion;
 };
 
 TEST_F( Expand, FindsTheOneCommandThatIsMeant ) {
    const std::pair<std::string, std::string> lines[] = {
-         { "show health-monitor summary", "show health-monitor summary" },
          { "sh health-mon sum", "show health-monitor summary" },
          { "sh h st d", "show health-monitor status detail" },
          { "sh --json h su", "show health-monitor summary" },
