@@ -1,7 +1,6 @@
 #include "host/Applier.h"
 
 #include "host/ChangeFeed.h"
-#include "host/StateWriter.h"
 #include "tests/unit/host/TestState.h"
 
 #include <gmock/gmock.h>
@@ -150,20 +149,7 @@ TEST_F( Queue, StopsWithWorkLeftOver ) {
    loop->runOnce();
 }
 
-class Written : public StateTest {
- protected:
-   StateWriter writer( StateWriter::Format format, const std::string & path ) const {
-      SchemaPlace place;
-      EXPECT_FALSE( schema->resolve( path, place ) );
-      return { format, { { place, entityAt( *manager, place ) } } };
-   }
-   std::string written( StateWriter::Format format, const std::string & path ) const {
-      auto writing = writer( format, path );
-      std::string text;
-      while ( writing.write( text ) ) {}
-      return text;
-   }
-};
+using Written = StateTest;
 
 TEST_F( Written, YamlIsTakenBackAsItIs ) {
    const auto group = probeConfig()->nhgProbeConfigIs( "a: \"b\"\n\t#'%/ é \x7f-" );
@@ -175,7 +161,7 @@ TEST_F( Written, YamlIsTakenBackAsItIs ) {
    probeConfig()->pingDisabledVipIs( ip( "10.1.1.1" ) );
    for ( const auto * below :
          { "", "/nhgProbeConfig", "/pingDisabledVip", "/responseCodeRule", "/nhgProbeConfig/~/vip" } ) {
-      const auto text = written( StateWriter::Format::yaml, probe + below );
+      const auto text = written( probe + below );
       EXPECT_EQ( apply( text ), 0u ) << text;
    }
 }
@@ -187,7 +173,7 @@ TEST_F( Written, JsonIsValidWhateverNamesHold ) {
       probeConfig()->nhgProbeConfigIs( name )->sslProfileIs( name );
    }
    probeConfig()->sslProfileIs( "\xff" );
-   const auto content = Json::parse( written( StateWriter::Format::json, probe ) )[probe];
+   const auto content = Json::parse( written( probe, StateWriter::Format::json ) )[probe];
    EXPECT_EQ( content["nhgProbeConfig"].size(), std::size( names ) );
    EXPECT_EQ( content["nhgProbeConfig"]["\n\x01"]["sslProfile"], "\n\x01" );
    EXPECT_EQ( content["sslProfile"], "\xef\xbf\xbd" );
@@ -200,7 +186,7 @@ TEST_F( Written, JsonIsValidThoughTheStateChangesUnderIt ) {
    for ( int i = 0; i < 20'000; ++i ) {
       probeConfig()->nhgProbeConfigIs( "group" + std::to_string( i ) );
    }
-   auto writing = writer( StateWriter::Format::json, probe );
+   auto writing = writer( probe, StateWriter::Format::json );
    std::string text;
    writing.write( text );
    for ( int i = 0; i < 20'000; i += 2 ) {

@@ -168,11 +168,9 @@ TEST_F( Programs, TellRefusalWrongUsageAndNoHostApart ) {
    } rows[] = {
          { { "apply", bad }, 1,
                bad + ":2: " + settings + ": probeInterval: expected seconds, found a sequence\n" },
-         { { "apply", directory }, 1, "" },
          { { "apply", directory + "/a\x1b\xff" }, 1,
                directory + "/a?\xef\xbf\xbd: No such file or directory\n" },
          { { "apply", file( "b\xff", "x: 1\n" ) }, 1, directory + "/b\xef\xbf\xbd:1: no such path: x\n" },
-         { { "set", "host/status", "pid", "1" }, 1, "" },
          { { "get", "x" }, 1, "no such path: x\n" },
          { { "get", "\xff" }, 2, "" },
          { {}, 0, "" }, // a shell without lines

@@ -1,7 +1,6 @@
 #include "host/SqliteStore.h"
 
 #include "host/StateKeeper.h"
-#include "host/StateWriter.h"
 #include "tests/unit/host/TestState.h"
 
 #include <filesystem>
@@ -14,7 +13,6 @@ namespace host {
 
 using namespace platform;
 using ::testing::Contains;
-using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -30,7 +28,7 @@ struct HostRun : State {
       services.scheduler = scheduler;
       services.entityManager = manager;
       services.report = [this]( const std::string & line ) { reported.push_back( line ); };
-      services.changeEnded = [this]( const ChangeOutcome & outcome ) { outcomes.push_back( outcome ); };
+      services.changeEnded = []( const ChangeOutcome & ) {};
       services.refusals = [this]( std::uint64_t count ) { refusals += count; };
       keeper = new StateKeeper( services, storedRoots( *manager, *schema ), store );
       return keeper->restore();
@@ -49,21 +47,15 @@ struct HostRun : State {
    }
    /// All of it, as `hmctl get` prints it.
    std::string text() const {
-      std::vector<StateWriter::Section> sections;
-      for ( const auto & root : storedRoots( *manager, *schema ) ) {
-         SchemaPlace place{ root.path };
-         place.type = root.type;
-         sections.push_back( { place, manager->entity( root.path ) } );
-      }
-      StateWriter writer( StateWriter::Format::yaml, sections );
       std::string all;
-      while ( writer.write( all ) ) {}
+      for ( const auto & root : storedRoots( *manager, *schema ) ) {
+         all += written( root.path );
+      }
       return all;
    }
 
    Ptr<StateKeeper> keeper;
    std::vector<std::string> reported;
-   std::vector<ChangeOutcome> outcomes;
    std::uint64_t refusals = 0;
 };
 
@@ -220,42 +212,25 @@ TEST_F( Sqlite, AGroupThatCannotStandCostsNoOther ) {
    expectFound( left, "the store says what is in force" );
 }
 
-TEST( Stored, WhatTheDescriptionsRefuseIsLeftOutAndNamed ) {
+TEST( Stored, WhatStandsOtherwiseThanItIsWrittenIsUntidy ) {
    const State host;
-   const auto roots = storedRoots( *host.manager, *host.schema );
    const auto members = servers + "/nhgConfig/web/serverIp";
-   const struct {
-      std::string path, field, value; // no field: a member
-      const char * error;             // or empty
-   } rows[] = {
-         { probe, "niceValue", "99", "probeConfig: niceValue: \"99\"" },
-         { probe, "colour", "red", "probeConfig: colour: is no single value" },
-         { probe, "pingDisabledVip", "10.0.0.1", "pingDisabledVip: is no single value" },
-         { members, "", "10.0.0", "serverIp: \"10.0.0\"" },
-         { members, "", "2001:DB8:0::1", "" },              // another form of what stands
-         { servers + "/nhgConfig/gone", "field", "x", "" }, // beside all paths
-   };
-   for ( const auto & row : rows ) {
-      StoredState state;
-      state.fields[probe] = { { "probeInterval", "3" } };
-      state.keys[servers + "/nhgConfig"] = { "web" };
-      state.keys[members] = { "2001:db8::1" };
-      bool untidy = true;
-      EXPECT_THAT( storedChange( roots, state, "store", untidy )->errors, IsEmpty() );
-      EXPECT_FALSE( untidy );
-      if ( row.field.empty() ) {
-         state.keys[row.path].push_back( row.value );
-      } else {
-         state.fields[row.path].emplace_back( row.field, row.value );
-      }
-      const auto change = storedChange( roots, state, "store", untidy );
-      EXPECT_TRUE( untidy ) << row.value;
-      EXPECT_EQ( change->errors.size(), *row.error ? 1u : 0u ) << row.value;
-      EXPECT_THAT( change->errors, Each( HasSubstr( row.error ) ) );
-      // The rest of it stands.
-      host.apply( change );
-      EXPECT_EQ( host.probeConfig()->probeInterval(), Seconds{ 3 } ) << row.value;
-      EXPECT_EQ( host.serverConfig()->nhgConfig( "web" )->serverIpCount(), 1u ) << row.value;
+   StoredState tidy;
+   tidy.fields[probe] = { { "probeInterval", "3" } };
+   tidy.keys[servers + "/nhgConfig"] = { "web" };
+   tidy.keys[members] = { "2001:db8::1" };
+   auto anotherForm = tidy, besideAllPaths = tidy, aSetAsValue = tidy;
+   anotherForm.keys[members].push_back( "2001:DB8:0::1" );
+   besideAllPaths.fields[servers + "/nhgConfig/gone"];
+   aSetAsValue.fields[probe].emplace_back( "pingDisabledVip", "10.0.0.1" );
+   for ( const auto * state : { &tidy, &anotherForm, &besideAllPaths, &aSetAsValue } ) {
+      bool untidy = state == &tidy;
+      const auto change = storedChange( storedRoots( *host.manager, *host.schema ), *state, "store", untidy );
+      EXPECT_EQ( untidy, state != &tidy );
+      EXPECT_EQ( change->errors.size(), state == &aSetAsValue ? 1u : 0u );
+      host.apply( change ); // all the rest of it
+      EXPECT_EQ( host.probeConfig()->probeInterval(), Seconds{ 3 } );
+      EXPECT_EQ( host.serverConfig()->nhgConfig( "web" )->serverIpCount(), 1u );
    }
 }
 
@@ -300,8 +275,6 @@ class Notebook final : public StateStore {
       } else if ( const auto read = dynamicPtrCast<StoreRead>( request ) ) {
          stamp = read->stamp;
          lines_.push_back( "read" );
-      } else if ( const auto refusal = dynamicPtrCast<StoreRefusal>( request ) ) {
-         lines_.push_back( "refused " + refusal->errors.front() );
       }
    }
    bool idle() override { return true; }
@@ -400,16 +373,6 @@ TEST_F( Keeping, ForeignConfigurationIsAppliedUnlessOursIsNewer ) {
    written();
    EXPECT_THAT( next(), ElementsAre( "read" ) );
    EXPECT_EQ( run.probeConfig()->probeInterval(), Seconds{ 4 } );
-}
-
-TEST_F( Keeping, WhatIsRefusedIsToldAndPutBack ) {
-   foreign();
-   answer( "soon" );
-   EXPECT_THAT( next( 2 ),
-         ElementsAre( HasSubstr( "refused store: " + probe + ": probeInterval: \"soon\"" ), "whole batch" ) );
-   EXPECT_EQ( run.probeConfig()->probeInterval(), Seconds{ 5 } );
-   EXPECT_EQ( run.refusals, 1u );
-   EXPECT_THAT( run.outcomes.back().errors, ElementsAre( HasSubstr( "soon" ) ) );
 }
 
 TEST( StoreUrls, AreReadOrRefused ) {

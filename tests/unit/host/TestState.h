@@ -3,6 +3,7 @@
 #include "host/Applier.h"
 #include "host/ConfigQueue.h"
 #include "host/HostStatus.h"
+#include "host/StateWriter.h"
 #include "platform/state/HmState.h"
 #include "platform/state/Profile.h"
 
@@ -85,6 +86,19 @@ struct State {
       return applier.changes();
    }
    std::uint64_t apply( const std::string & text ) const { return apply( checked( text ) ); }
+
+   StateWriter writer( const std::string & path, StateWriter::Format format ) const {
+      SchemaPlace place;
+      EXPECT_FALSE( schema->resolve( path, place ) );
+      return { format, { { place, entityAt( *manager, place ) } } };
+   }
+   std::string written(
+         const std::string & path, StateWriter::Format format = StateWriter::Format::yaml ) const {
+      auto writing = writer( path, format );
+      std::string text;
+      while ( writing.write( text ) ) {}
+      return text;
+   }
 
    const platform::Ptr<platform::EventLoop> loop = new platform::EventLoop();
    const platform::Ptr<platform::TaskScheduler> scheduler = new platform::TaskScheduler( loop );
