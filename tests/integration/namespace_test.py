@@ -100,11 +100,21 @@ class KernelInterfacesTest(HostTest):
         self.reached(lambda: (self.ipv4().get("m1"), self.ipv6("m1")), (None, []))
 
     def test_the_bridges_mac(self):
-        self.assertEqual(self.get("bridging/config")["bridgeMac"], "02:00:00:00:00:12")  # h2 has the lower index
+        def mac():
+            return self.get("bridging/config")["bridgeMac"]
+
+        self.assertEqual(mac(), "02:00:00:00:00:12")  # h2 has the lower index
         ip("link set h2 down")
-        self.reached(lambda: self.get("bridging/config")["bridgeMac"], "02:00:00:00:00:11")
+        self.reached(mac, "02:00:00:00:00:11")
         ip("link set h2 up")
-        self.reached(lambda: self.get("bridging/config")["bridgeMac"], "02:00:00:00:00:12")
+        self.reached(mac, "02:00:00:00:00:12")
+        # A bridge counts before the others, up or not, and the first before the next.
+        ip(*(f"link add b{i} address 02:00:00:00:00:3{i} type bridge" for i in (1, 2)))
+        self.reached(mac, "02:00:00:00:00:31")
+        ip("link del b1")
+        self.reached(mac, "02:00:00:00:00:32")
+        ip("link del b2")
+        self.reached(mac, "02:00:00:00:00:12")
 
     def test_the_paths_are_no_configuration(self):
         why = "follows the kernel's interfaces (--interfaces kernel) and is not configured"

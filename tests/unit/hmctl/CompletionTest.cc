@@ -1,49 +1,49 @@
 #include "hmctl/Completion.h"
 #include "hmctl/Commands.h"
 
+#include <map>
+
 #include <gmock/gmock.h>
 
 namespace hmctl {
 
 using ::testing::Contains;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::Not;
 using Json = nlohmann::json;
+
+const std::string config = "healthMonitor/config/serverConfig/";
 
 /// A small state database, as the host tells of it.
 class KnownPaths final : public Lookup {
  public:
    Json complete( const std::string & path, const std::string & begin, bool configurationOnly ) override {
-      asked.push_back( path + "|" + begin );
-      auto attribute = []( const char * name, const char * kind, const char * type ) {
-         return Json{ { "name", name }, { "kind", kind }, { "type", type } };
-      };
-      const std::string config = "healthMonitor/config/serverConfig";
+      asked = path + "|" + begin;
       if ( path.empty() ) {
          return { { "kind", "beginning" },
                { "keys", configurationOnly ? Json{ "healthMonitor" } : Json{ "healthMonitor", "host" } } };
       }
-      if ( path == config ) {
-         return { { "kind", "entity" }, { "attributes", { attribute( "nhgConfig", "collection", "text" ),
-                                                              attribute( "enabled", "scalar", "boolean" ),
-                                                              attribute( "mode", "scalar", "fast | slow" ),
-                                                              attribute( "extra", "child", "Extra" ) } } };
-      }
-      if ( path == config + "/nhgConfig" ) {
-         return { { "kind", "collection" }, { "keys", { "a b", "web", "x/y" } }, { "more", true } };
-      }
-      if ( path == config + "/nhgConfig/web" ) {
-         return { { "kind", "entity" }, { "attributes", { attribute( "serverIp", "set", "IP address" ) } } };
-      }
-      if ( path == config + "/nhgConfig/web/serverIp" ) {
-         return { { "kind", "set" }, { "keys", { "10.1.1.1", "::1" } } };
-      }
-      throw std::runtime_error( "no such path" );
+      const auto found = answers.find( path + "/" );
+      return found == answers.end() ? throw std::runtime_error( "no such path" ) : found->second;
    }
    std::vector<std::string> facilities() override { return { "Host", "NetCHASM" }; }
-   std::vector<std::string> asked;
+   std::string asked; // last
+
+ private:
+   static Json attribute( const char * name, const char * kind, const char * type ) {
+      return { { "name", name }, { "kind", kind }, { "type", type } };
+   }
+   const std::map<std::string, Json> answers{
+         { config,
+               { { "kind", "entity" }, { "attributes", { attribute( "nhgConfig", "collection", "text" ),
+                                                             attribute( "enabled", "scalar", "boolean" ),
+                                                             attribute( "mode", "scalar", "fast | slow" ),
+                                                             attribute( "extra", "child", "Extra" ) } } } },
+         { config + "nhgConfig/",
+               { { "kind", "collection" }, { "keys", { "a b", "web", "x/y" } }, { "more", true } } },
+         { config + "nhgConfig/web/",
+               { { "kind", "entity" }, { "attributes", { attribute( "serverIp", "set", "IP address" ) } } } },
+         { config + "nhgConfig/web/serverIp/", { { "kind", "set" }, { "keys", { "10.1.1.1", "::1" } } } } };
 };
 
 class Complete : public ::testing::Test {
@@ -67,58 +67,60 @@ class Complete : public ::testing::Test {
    std::vector<Command> commands = ownCommands( true );
    KnownPaths lookup;
    Completions last;
-   const std::string config = "healthMonitor/config/serverConfig/";
 };
 
-TEST_F( Complete, WordsOfCommandsAbbreviatedOrNot ) {
-   EXPECT_THAT( words( "s" ), ElementsAre( "set", "status", "show" ) );
-   EXPECT_THAT( words( "sh " ), ElementsAre( "hm" ) );
-   EXPECT_THAT( words( "sh h s" ), ElementsAre( "summary" ) );
-   EXPECT_THAT( words( "sh hm delay i" ), ElementsAre( "interval" ) );
-   EXPECT_THAT( words( "x y" ), IsEmpty() );
-   EXPECT_THAT( words( "s x" ), IsEmpty() );
-   EXPECT_THAT( words( "trace N" ), ElementsAre( "NetCHASM" ) );
-   EXPECT_THAT( words( "help wa" ), IsEmpty() );
-   EXPECT_THAT( words( "get | m" ), ElementsAre( "match" ) );
-   EXPECT_TRUE( lookup.asked.empty() );
+TEST_F( Complete, WordsPathsAndValues ) {
+   const auto groups = config + "nhgConfig/";
+   const std::pair<std::string, std::vector<std::string>> lines[] = {
+         // Words of commands, abbreviated or not
+         { "s", { "set", "status", "show" } },
+         { "sh ", { "hm" } },
+         { "sh h s", { "summary" } },
+         { "sh hm delay i", { "interval" } },
+         { "x y", {} },
+         { "s x", {} },
+         { "trace N", { "NetCHASM" } },
+         { "help wa", {} },
+         { "get | m", { "match" } },
+         { "get --c", { "--config" } },
+         { "get --config --c", {} },
+         // Paths component by component
+         { "get h", { "healthMonitor/", "host/" } },
+         { "set h", { "healthMonitor/" } },
+         { "get " + config, { groups, config + "enabled", config + "mode", config + "extra/" } },
+         { "set " + config, { groups, config + "extra/" } },
+         { "get " + groups + "x%2", { groups + "x%2Fy/" } },
+         { "set " + groups + "web/", {} },
+         { "del " + groups + "web/", { groups + "web/serverIp" } },
+         { "get " + groups + "web/serverIp/", {} }, // members are no paths
+         { "get '" + groups + "a ", { groups + "a b/" } },
+         // Attributes, values, groups and servers
+         { "set " + config + " ", { "nhgConfig", "enabled", "mode" } },
+         { "set " + config + " enabled t", { "true" } },
+         { "set " + config + " mode ", { "fast", "slow" } },
+         { "del " + config + "nhgConfig x", { "x/y" } },
+         { "probe ", { "a b", "web", "x/y" } },
+         { "probe web :", { "::1" } },
+   };
+   for ( const auto & [line, choices] : lines ) {
+      EXPECT_EQ( words( line ), choices ) << line;
+   }
 }
 
-TEST_F( Complete, PathsComponentByComponent ) {
-   EXPECT_THAT( words( "get h" ), ElementsAre( "healthMonitor/", "host/" ) );
-   EXPECT_TRUE( last.choices.front().goesOn );
-   EXPECT_THAT( words( "set h" ), ElementsAre( "healthMonitor/" ) );
-   EXPECT_THAT( words( "get " + config ),
-         ElementsAre( config + "nhgConfig/", config + "enabled", config + "mode", config + "extra/" ) );
-   EXPECT_THAT( words( "set " + config ), ElementsAre( config + "nhgConfig/", config + "extra/" ) );
-   EXPECT_THAT( words( "get " + config + "nhgConfig/x%2" ), ElementsAre( config + "nhgConfig/x%2Fy/" ) );
-   EXPECT_THAT( lookup.asked.back(), "healthMonitor/config/serverConfig/nhgConfig|x" );
+TEST_F( Complete, TheHostIsAskedForKeysAsTheyAre ) {
+   words( "get 'healthMonitor/config/serverConfig/nhgConfig/x%2" );
+   EXPECT_EQ( lookup.asked, config + "nhgConfig|x" );
    EXPECT_TRUE( last.more );
-   EXPECT_THAT( words( "set " + config + "nhgConfig/web/" ), IsEmpty() );
-   EXPECT_THAT(
-         words( "del " + config + "nhgConfig/web/" ), ElementsAre( config + "nhgConfig/web/serverIp" ) );
-   EXPECT_THAT( words( "get " + config + "nhgConfig/web/serverIp/" ), IsEmpty() ); // members are no paths
-   EXPECT_THAT( words( "get 'healthMonitor/config/serverConfig/nhgConfig/a " ),
-         ElementsAre( config + "nhgConfig/a b/" ) );
+   EXPECT_TRUE( last.choices.front().goesOn );
    EXPECT_EQ( last.begin, 4u );
-}
-
-TEST_F( Complete, AttributesValuesGroupsAndServers ) {
-   EXPECT_THAT( words( "set " + config + " " ), ElementsAre( "nhgConfig", "enabled", "mode" ) );
-   EXPECT_THAT( words( "set " + config + " enabled t" ), ElementsAre( "true" ) );
-   EXPECT_THAT( words( "set " + config + " mode " ), ElementsAre( "fast", "slow" ) );
-   EXPECT_THAT( shown( "set " + config + " nhgConfig " ), HasSubstr( "VALUE  collection of text" ) );
-   EXPECT_THAT( words( "del " + config + "nhgConfig x" ), ElementsAre( "x/y" ) );
-   EXPECT_THAT( words( "probe " ), ElementsAre( "a b", "web", "x/y" ) );
-   EXPECT_THAT( words( "probe web :" ), ElementsAre( "::1" ) );
    EXPECT_ANY_THROW( words( "probe x/y " ) );
-   EXPECT_EQ( lookup.asked.back(), config + "nhgConfig/x%2Fy/serverIp|" );
+   EXPECT_EQ( lookup.asked, config + "nhgConfig/x%2Fy/serverIp|" );
 }
 
 TEST_F( Complete, HelpListsOptionsAndTheEnd ) {
    EXPECT_THAT( shown( "get " ), HasSubstr( "--config" ) );
    EXPECT_THAT( words( "get " ), Not( Contains( "--config" ) ) );
-   EXPECT_THAT( words( "get --c" ), ElementsAre( "--config" ) );
-   EXPECT_THAT( words( "get --config --c" ), IsEmpty() );
+   EXPECT_THAT( shown( "set " + config + " nhgConfig " ), HasSubstr( "VALUE  collection of text" ) );
    EXPECT_THAT( shown( "get " ), HasSubstr( "<Enter>" ) );
    EXPECT_THAT( shown( "probe web " ), Not( HasSubstr( "<Enter>" ) ) );
    EXPECT_THAT( shown( "trace Host " ), Not( HasSubstr( "<Enter>" ) ) );

@@ -18,11 +18,8 @@ TEST( Tool, GivesWhatAProgramPrintsAndHowItEnds ) {
    EXPECT_EQ( toolRun( { "false" } )->errors, "it failed" );
 }
 
-TEST( Tool, OneThatIsNotThereIsNoFault ) {
+TEST( Tool, OneThatIsNotThereIsNoFaultAndOneWithoutEndIsEnded ) {
    EXPECT_FALSE( toolRun( { "hm-no-such-program" } ) );
-}
-
-TEST( Tool, OneThatPrintsWithoutEndIsEnded ) {
    const auto endless = toolRun( { "yes" } );
    ASSERT_TRUE( endless );
    EXPECT_EQ( endless->status, -1 );

@@ -4,6 +4,7 @@
 #include "tests/unit/host/TestState.h"
 
 #include <cerrno>
+#include <sstream>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -16,32 +17,31 @@ namespace host {
 
 using namespace platform;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using Json = nlohmann::json;
 
 /// The far side of a connection; never blocks.
 class Peer {
  public:
-   explicit Peer( const sockaddr_un & address, socklen_t length )
+   Peer( const sockaddr_un & address, socklen_t length )
          : fd_( socket( AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0 ) ) {
-      connected = connect( fd_, reinterpret_cast<const sockaddr *>( &address ), length ) == 0;
+      EXPECT_EQ( connect( fd_, reinterpret_cast<const sockaddr *>( &address ), length ), 0 );
    }
-   ~Peer() { close(); }
-   void close() {
-      if ( fd_ >= 0 ) {
-         ::close( std::exchange( fd_, -1 ) );
-      }
-   }
+   ~Peer() { close( fd_ ); }
    void shutdownInput() { shutdown( fd_, SHUT_WR ); }
-   /// As much as the socket takes now.
-   std::size_t send( std::string_view bytes ) {
+   /// As much as the socket takes now goes from the front of `bytes`; all of it when the host has closed.
+   void send( std::string_view & bytes ) {
       const auto size = ::send( fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL );
-      broken = size < 0 && errno != EAGAIN;
-      return size > 0 ? static_cast<std::size_t>( size ) : 0;
+      bytes.remove_prefix( size >= 0         ? static_cast<std::size_t>( size )
+                           : errno == EAGAIN ? 0
+                                             : bytes.size() );
+   }
+   void sendShort( std::string_view bytes ) {
+      send( bytes );
+      EXPECT_TRUE( bytes.empty() );
    }
    /// What has come; `ended` once the host has closed.
-   void receive( std::size_t atMost = 1 << 20 ) {
-      std::string buffer( atMost, '\0' );
+   void receive() {
+      std::string buffer( 1 << 20, '\0' );
       const auto size = recv( fd_, buffer.data(), buffer.size(), 0 );
       if ( size > 0 ) {
          input.append( buffer, 0, static_cast<std::size_t>( size ) );
@@ -51,22 +51,42 @@ class Peer {
    }
    std::vector<Json> lines() const {
       std::vector<Json> all;
-      std::size_t at = 0;
-      for ( auto end = input.find( '\n' ); end != input.npos; end = input.find( '\n', at ) ) {
-         all.push_back( Json::parse( input.substr( at, end - at ) ) );
-         at = end + 1;
+      std::istringstream text( input.substr( 0, input.rfind( '\n' ) + 1 ) );
+      for ( std::string line; std::getline( text, line ); ) {
+         all.push_back( Json::parse( line ) );
       }
       return all;
    }
 
-   bool connected = false;
-   bool broken = false;
    bool ended = false;
    std::string input;
 
  private:
-   int fd_;
+   const int fd_;
 };
+
+namespace {
+
+using Fields = std::initializer_list<std::pair<const std::string, Json>>;
+
+std::string request( const char * command, const Fields & more = {} ) {
+   Json json{ { "command", command } };
+   for ( const auto & [name, value] : more ) {
+      json[name] = value;
+   }
+   return json.dump() + "\n";
+}
+
+std::string applyRequest( const std::string & document, std::optional<std::size_t> bytes = std::nullopt ) {
+   const auto size = bytes.value_or( document.size() );
+   return request( "apply", { { "file", "f" }, { "documentBytes", size } } ) + document;
+}
+
+std::string watch( const std::string & path, bool initial = true ) {
+   return request( "watch", { { "path", path }, { "initial", initial } } );
+}
+
+} // namespace
 
 class ControlSocketTest : public StateTest {
  protected:
@@ -93,32 +113,32 @@ class ControlSocketTest : public StateTest {
    template<class Reached>
    void talk( Peer & with, std::string_view bytes, const Reached & reached ) {
       EXPECT_TRUE( turnUntil( [&] {
-         if ( !bytes.empty() && !with.broken ) {
-            bytes.remove_prefix( with.send( bytes ) );
-         }
+         with.send( bytes );
          with.receive();
          return reached() || with.ended;
       } ) );
    }
+   void untilItEnds( Peer & with ) {
+      talk( with, "", [] { return false; } );
+   }
+   /// The last line of the answer to `bytes`.
    Json last( Peer & with, std::string_view bytes ) {
+      std::vector<Json> lines;
       talk( with, bytes, [&] {
-         const auto lines = with.lines();
+         lines = with.lines();
          return !lines.empty() && ( lines.back().contains( "done" ) || lines.back().contains( "refused" ) );
       } );
-      const auto lines = with.lines();
       with.input.clear();
       return lines.empty() ? Json() : lines.back();
    }
-   void expectServed() {
-      const auto client = peer();
-      EXPECT_EQ( last( *client, "{\"command\":\"clean-state\"}\n" ), Json( { { "done", true } } ) );
+   void expectServed() { EXPECT_EQ( last( *peer(), request( "clean-state" ) ), done ); }
+   void expectNobody() {
+      EXPECT_TRUE( turnUntil( [&] { return server->clientCount() == 0; } ) );
    }
-   static std::string apply( const std::string & document ) {
-      return Json( { { "command", "apply" }, { "file", "f" }, { "documentBytes", document.size() } } )
-                   .dump() +
-             "\n" + document;
-   }
+   static Json refused( const std::string & reason ) { return { { "refused", { reason } } }; }
+   static Json applied( int changes ) { return { { "done", true }, { "changes", changes } }; }
 
+   const Json done{ { "done", true } };
    sockaddr_un address_{};
    socklen_t length_ = sizeof address_;
    std::string leftOver;
@@ -129,132 +149,77 @@ class ControlSocketTest : public StateTest {
 
 TEST_F( ControlSocketTest, AnswersBadRequestsAndGoesOn ) {
    const auto client = peer();
+   const auto get = []( const Fields & fields ) { return request( "get", fields ); };
    const std::pair<std::string, std::string> requests[] = {
-         { "garbage\n", "the request is not a JSON object" },
-         { "[1]\n", "the request is not a JSON object" },
          { "\xff\xfe\n", "the request is not a JSON object" },
+         { "[1]\n", "the request is not a JSON object" },
          { std::string( 60'000, '[' ) + "\n", "the request is not a JSON object" },
          { "{}\n", "the request has no text \"command\"" },
-         { "{\"command\":\"frob\"}\n", "no such command; there are apply, clean-state, commands, complete, "
-                                       "del, get, run, set, trace, watch" },
-         { "{\"command\":\"get\",\"path\":7}\n", "the request has no text \"path\"" },
-         { "{\"command\":\"get\",\"path\":\"x\"}\n", "no such path: x" },
-         { "{\"command\":\"get\",\"path\":\"ip/status/ipIntfStatus/Lo\"}\n",
+         { request( "frob" ), "no such command; there are apply, clean-state, commands, complete, del, get, "
+                              "run, set, trace, watch" },
+         { get( { { "path", 7 } } ), "the request has no text \"path\"" },
+         { get( { { "path", "ip/status/ipIntfStatus/Lo" } } ),
                "ip/status/ipIntfStatus/Lo: there is no such entry" },
-         { "{\"command\":\"get\",\"path\":\"healthMonitor/status\",\"configuration\":true}\n",
-               "healthMonitor/status: holds no configuration" },
-         { "{\"command\":\"get\",\"path\":\"host/status/pid\",\"configuration\":true}\n",
+         { get( { { "path", "host/status/pid" }, { "configuration", true } } ),
                "host/status/pid: holds no configuration" },
-         { "{\"command\":\"get\",\"format\":\"xml\"}\n",
-               "\"format\" of the request is neither \"yaml\" nor \"json\"" },
-         { "{\"command\":\"del\",\"path\":\"ip/status/ipIntfStatus\",\"key\":\"Lo\"}\n",
+         { get( { { "format", "xml" } } ), "\"format\" of the request is neither \"yaml\" nor \"json\"" },
+         { request( "del", { { "path", "ip/status/ipIntfStatus" }, { "key", "Lo" } } ),
                "ip/status/ipIntfStatus/Lo: there is no such entry" },
-         { "{\"command\":\"set\",\"path\":\"host/status\",\"attribute\":\"pid\",\"value\":\"1\"}\n",
-               "host/status: is written by the host and its agent only" },
    };
-   for ( const auto & [request, reason] : requests ) {
-      EXPECT_EQ( last( *client, request ), Json( { { "refused", { reason } } } ) ) << request;
+   for ( const auto & [line, reason] : requests ) {
+      EXPECT_EQ( last( *client, line ), refused( reason ) ) << line;
    }
    leftOver = "something[] is not empty: 1";
-   EXPECT_EQ( last( *client, "{\"command\":\"clean-state\"}\n" ), Json( { { "refused", { leftOver } } } ) );
-}
-
-TEST_F( ControlSocketTest, AppliesADocumentThatComesInPieces ) {
-   const auto client = peer();
-   const auto bytes = apply( manyServers( 2000 ) );
-   for ( std::size_t at = 0; at < bytes.size(); at += 999 ) {
-      client->send( std::string_view( bytes ).substr( at, 999 ) );
-      loop->runOnce();
-   }
-   EXPECT_EQ( last( *client, "" ), Json( { { "done", true }, { "changes", 2001 } } ) );
-   EXPECT_EQ( last( *client, apply( "healthMonitor/config/serverConfig: {}\n" ) ),
-         Json( { { "done", true }, { "changes", 1 } } ) );
+   EXPECT_EQ( last( *client, request( "clean-state" ) ), refused( leftOver ) );
 }
 
 TEST_F( ControlSocketTest, AnswersEverythingOfAHalfClosedClientInOrder ) {
    const auto client = peer();
-   client->send(
-         "{\"command\":\"set\",\"path\":\"healthMonitor/config/probeConfig\",\"attribute\":\"niceValue\","
-         "\"value\":\"3\"}\n{\"command\":\"get\",\"path\":\"healthMonitor/config/probeConfig/"
-         "niceValue\"}\nhalf" );
+   client->sendShort(
+         request( "set", { { "path", probe }, { "attribute", "niceValue" }, { "value", "3" } } ) +
+         request( "get", { { "path", probe + "/niceValue" } } ) + "half" );
    client->shutdownInput();
-   talk( *client, "", [] { return false; } );
-   const auto lines = client->lines();
-   ASSERT_EQ( lines.size(), 4u );
-   EXPECT_EQ( lines[0], Json( { { "done", true }, { "changes", 1 } } ) );
-   EXPECT_EQ( lines[1], Json( { { "text", "healthMonitor/config/probeConfig/niceValue: 3\n" } } ) );
-   EXPECT_EQ( lines[3], Json( { { "refused", { "the request is not complete" } } } ) );
+   untilItEnds( *client );
+   EXPECT_THAT( client->lines(), ElementsAre( applied( 1 ), Json( { { "text", probe + "/niceValue: 3\n" } } ),
+                                       done, refused( "the request is not complete" ) ) );
    EXPECT_EQ( server->clientCount(), 0u );
 }
 
-TEST_F( ControlSocketTest, EndsWhatIsTooLarge ) {
-   const auto huge = peer();
-   EXPECT_EQ( last( *huge, "{\"command\":\"apply\",\"file\":\"f\",\"documentBytes\":1000000000}\n" +
-                                 std::string( 1 << 20, 'x' ) ),
-         Json( { { "refused", { "the document is larger than 16777216 bytes" } } } ) );
+TEST_F( ControlSocketTest, TakesNoDocumentThatIsCut ) {
    const auto half = peer();
-   half->send( "{\"command\":\"apply\",\"file\":\"f\",\"documentBytes\":100}\nabc" );
+   half->sendShort( applyRequest( "abc", 100 ) );
    half->shutdownInput();
-   EXPECT_EQ( last( *half, "" ), Json( { { "refused", { "the document is not complete" } } } ) );
-   talk( *half, "", [] { return false; } );
+   EXPECT_EQ( last( *half, "" ), refused( "the document is not complete" ) );
+   untilItEnds( *half );
    expectServed();
 }
 
 TEST_F( ControlSocketTest, SurvivesClientsThatCloseAtAnyByte ) {
-   const auto request = apply( manyServers( 3 ) ) + "{\"command\":\"watch\",\"initial\":true}\n";
-   for ( std::size_t size = 0; size <= request.size(); ++size ) {
-      auto client = peer();
-      client->send( std::string_view( request ).substr( 0, size ) );
+   const auto all = applyRequest( manyServers( 3 ) ) + watch( "" );
+   for ( std::size_t size = 0; size <= all.size(); ++size ) {
+      const auto client = peer();
+      client->sendShort( std::string_view( all ).substr( 0, size ) );
       for ( std::size_t turns = 0; turns < size % 4; ++turns ) {
          loop->runOnce();
       }
-      client->close();
    }
    expectServed();
-   EXPECT_TRUE( turnUntil( [&] { return server->clientCount() == 0; } ) );
-}
-
-TEST_F( ControlSocketTest, MakesAStalledReaderWaitAndNobodyElse ) {
-   for ( int i = 0; i < 20'000; ++i ) {
-      probeConfig()->nhgProbeConfigIs( "group" + std::to_string( i ) );
-   }
-   const auto stalled = peer();
-   stalled->send( "{\"command\":\"get\",\"format\":\"json\"}\n" );
-   expectServed();
-   expectServed();
-   // The state changes under the answer, which is still one valid object when it is finally read.
-   for ( int i = 0; i < 20'000; i += 2 ) {
-      probeConfig()->nhgProbeConfigDel( "group" + std::to_string( i ) );
-   }
-   talk( *stalled, "", [&] { return stalled->input.ends_with( "{\"done\":true}\n" ); } );
-   std::string text;
-   for ( const auto & line : stalled->lines() ) {
-      text += line.value( "text", "" );
-   }
-   const auto json = Json::parse( text );
-   EXPECT_GE( json["healthMonitor/config/probeConfig"]["nhgProbeConfig"].size(), 10'000u );
-   // Much of it was not written yet when half of the groups went: it waited for the reader.
-   EXPECT_LT( json["healthMonitor/config/probeConfig"]["nhgProbeConfig"].size(), 15'000u );
+   expectNobody();
 }
 
 TEST_F( ControlSocketTest, TellsASlowWatcherWhatItMissed ) {
    const auto watcher = peer();
-   talk( *watcher, "{\"command\":\"watch\",\"path\":\"healthMonitor/config/probeConfig\",\"initial\":true}\n",
-         [&] { return watcher->lines().size() >= 12; } );
+   talk( *watcher, watch( probe ), [&] { return watcher->lines().size() >= 12; } );
    watcher->input.clear();
    constexpr int changes = 30'000;
    for ( int i = 0; i < changes; ++i ) {
       probeConfig()->probeIntervalIs( Seconds{ 1.0 + i % 2 } );
    }
    serverConfig()->nhgConfigIs( "elsewhere" );
-   std::uint64_t lost = 0;
-   talk( *watcher, "", [&] {
-      const auto lines = watcher->lines();
-      lost =
-            !lines.empty() && lines.back().contains( "lost" ) ? lines.back()["lost"].get<std::uint64_t>() : 0;
-      return lost != 0;
-   } );
-   EXPECT_EQ( watcher->lines().size() - 1 + lost, changes );
+   talk( *watcher, "",
+         [&] { return watcher->input.ends_with( "\n" ) && watcher->lines().back().contains( "lost" ); } );
+   const auto lines = watcher->lines();
+   EXPECT_EQ( lines.size() - 1 + lines.back()["lost"].get<std::uint64_t>(), changes );
    watcher->input.clear();
    probeConfig()->nhgProbeConfigIs( "web" );
    talk( *watcher, "", [&] { return !watcher->lines().empty(); } );
@@ -264,92 +229,70 @@ TEST_F( ControlSocketTest, TellsASlowWatcherWhatItMissed ) {
    EXPECT_EQ( line["change"], "added" );
    EXPECT_EQ( line["value"]["timeout"], 10 );
    // Whatever else it sends, its end is noticed.
-   std::string junk( 4 * control::maxRequestBytes, 'x' );
-   EXPECT_TRUE( turnUntil( [&] {
-      junk.erase( 0, watcher->send( junk ) );
-      return junk.empty();
-   } ) );
+   const std::string junk( 4 * control::maxRequestBytes, 'x' );
+   std::string_view rest = junk;
+   talk( *watcher, "", [&] {
+      watcher->send( rest );
+      return rest.empty();
+   } );
    watcher->shutdownInput();
-   EXPECT_TRUE( turnUntil( [&] { return server->clientCount() == 0; } ) );
+   expectNobody();
 }
 
 TEST_F( ControlSocketTest, ShowsAWatcherWhatStandsUnderThePathThatItHas ) {
-   const std::string servers = "healthMonitor/config/serverConfig/nhgConfig/web/serverIp";
-   const auto watch = []( const std::string & path ) {
-      return "{\"command\":\"watch\",\"path\":\"" + path + "\",\"initial\":true}\n";
-   };
    const auto web = serverConfig()->nhgConfigIs( "web" );
-   web->serverIpIs( *IpGenAddr::fromText( "10.1.1.1" ) );
-   web->serverIpIs( *IpGenAddr::fromText( "10.1.1.2" ) );
+   web->serverIpIs( ip( "10.1.1.1" ) );
+   web->serverIpIs( ip( "10.1.1.2" ) );
    const auto one = peer();
-   talk( *one, watch( servers + "/10.1.1.2" ), [&] { return !one->lines().empty(); } );
+   talk( *one, watch( servers + "/nhgConfig/web/serverIp/10.1.1.2" ), [&] { return !one->lines().empty(); } );
    expectServed();
    one->receive();
    ASSERT_EQ( one->lines().size(), 1u );
    EXPECT_EQ( one->lines().at( 0 )["key"], "10.1.1.2" );
 
    // A group goes in the middle of being told.
-   for ( int i = 0; i < 5000; ++i ) {
-      web->serverIpIs( *IpGenAddr::fromText( fmt::format( "10.2.{}.{}", i / 256, i % 256 ) ) );
-   }
+   apply( manyServers( 5000 ) );
    const auto all = peer();
-   talk( *all, watch( "healthMonitor/config/serverConfig" ), [&] { return !all->input.empty(); } );
+   talk( *all, watch( servers ), [&] { return !all->input.empty(); } );
    serverConfig()->nhgConfigDel( "web" );
    talk( *all, "", [&] { return all->input.find( "removed" ) != std::string::npos; } );
-   const auto lines = all->lines();
-   EXPECT_GT( lines.size(), 5000u );
-   for ( const auto & line : lines ) {
-      const auto path = line["path"].get<std::string>();
-      ASSERT_TRUE( path.starts_with( "healthMonitor/config/serverConfig" ) ) << line;
+   EXPECT_GT( all->lines().size(), 5000u );
+   for ( const auto & line : all->lines() ) {
+      ASSERT_TRUE( line["path"].get<std::string>().starts_with( servers ) ) << line;
    }
 }
 
 TEST_F( ControlSocketTest, TellsAWatcherInsideAnEntryThatTheEntryWent ) {
-   probeConfig()->nhgProbeConfigIs( "web" );
+   const auto web = probeConfig()->nhgProbeConfigIs( "web" );
    const auto watcher = peer();
-   watcher->send( "{\"command\":\"watch\",\"path\":\"healthMonitor/config/probeConfig/nhgProbeConfig/web/"
-                  "timeout\"}\n" );
+   watcher->sendShort( watch( probe + "/nhgProbeConfig/web/timeout", false ) );
    expectServed();
-   probeConfig()->nhgProbeConfig( "web" )->retryCountIs( 1 );
-   probeConfig()->nhgProbeConfig( "web" )->timeoutIs( 1 );
+   web->retryCountIs( 1 );
+   web->timeoutIs( 1 );
    probeConfig()->nhgProbeConfigDel( "web" );
    talk( *watcher, "", [&] { return watcher->lines().size() >= 2; } );
    EXPECT_EQ( watcher->lines().at( 0 )["value"], 1 );
    EXPECT_EQ( watcher->lines().at( 1 )["change"], "removed" );
 }
 
-TEST_F( ControlSocketTest, GivesTheSlotOfTheMostSilentClientToANewOne ) {
-   std::vector<std::unique_ptr<Peer>> silent;
-   for ( std::size_t i = 0; i < ControlServer::maxClients + 10; ++i ) {
-      silent.push_back( peer() );
-      loop->runOnce();
-   }
-   EXPECT_EQ( server->clientCount(), ControlServer::maxClients );
-   expectServed();
-   silent.front()->receive();
-   EXPECT_TRUE( silent.front()->ended );
-   silent.clear();
-   EXPECT_TRUE( turnUntil( [&] { return server->clientCount() == 0; } ) );
-}
-
 TEST_F( ControlSocketTest, NeverTakesTheSlotOfARequestUnderWayWhileAnotherIsIdle ) {
-   const std::string watchNothing = "{\"command\":\"watch\",\"path\":\"bridging\"}\n";
    std::vector<std::unique_ptr<Peer>> clients;
-   const auto arrive = [&]( const std::string & request ) {
+   const auto arrive = [&]( const std::string & bytes ) {
       clients.push_back( peer() );
-      clients.back()->send( request );
+      clients.back()->sendShort( bytes );
       for ( int turns = 0; turns < 10; ++turns ) {
          loop->runOnce();
       }
    };
+   const auto watchNothing = watch( "bridging", false );
    enum { halfADocument, deaf };
-   arrive( "{\"command\":\"apply\",\"file\":\"f\",\"documentBytes\":100}\nabc" );
-   arrive( "{\"command\":\"watch\"}\n" );
+   arrive( applyRequest( "abc", 100 ) );
+   arrive( request( "watch" ) );
    while ( clients.size() < ControlServer::maxClients - 1 ) {
       arrive( watchNothing );
    }
    const auto idle = clients.size();
-   arrive( "{\"command\":\"clean-state\"}\n" );
+   arrive( request( "clean-state" ) );
    const auto ended = [&] {
       std::vector<std::size_t> all;
       for ( std::size_t i = 0; i < clients.size(); ++i ) {
@@ -374,31 +317,29 @@ TEST_F( ControlSocketTest, NeverTakesTheSlotOfARequestUnderWayWhileAnotherIsIdle
    }
    arrive( watchNothing );
    (void)ended();
-   EXPECT_EQ( clients.back()->input,
-         "{\"refused\":[\"too many clients, and all of them have a request under way\"]}\n" );
+   EXPECT_THAT( clients.back()->lines(),
+         ElementsAre( refused( "too many clients, and all of them have a request under way" ) ) );
    EXPECT_EQ( server->clientCount(), ControlServer::maxClients );
    clock.advance( Seconds{ 60 } );
    arrive( watchNothing );
-   talk( *clients[deaf], "", [] { return false; } ); // until it ends
+   untilItEnds( *clients[deaf] );
    EXPECT_THAT( ended(), ElementsAre( halfADocument, deaf, idle, clients.size() - 2 ) );
    EXPECT_EQ( server->clientCount(), ControlServer::maxClients );
 }
 
 TEST_F( ControlSocketTest, BoundsTheDocumentsOfAllClientsTogether ) {
    std::vector<std::unique_ptr<Peer>> slow;
-   const std::string part( 15u << 20, ' ' );
+   const auto most = applyRequest( std::string( 15u << 20, ' ' ), 16u << 20 );
    for ( int i = 0; i < 6; ++i ) {
       slow.push_back( peer() );
-      std::string_view rest = part;
-      slow.back()->send( "{\"command\":\"apply\",\"file\":\"f\",\"documentBytes\":16777216}\n" );
+      std::string_view rest = most;
       EXPECT_TRUE( turnUntil( [&] {
-         rest.remove_prefix( slow.back()->send( rest ) );
+         slow.back()->send( rest );
          return rest.empty();
       } ) );
    }
    EXPECT_LT( server->clientCount(), 6u );
-   const auto client = peer();
-   EXPECT_EQ( last( *client, apply( manyServers( 3 ) ) ), Json( { { "done", true }, { "changes", 4 } } ) );
+   EXPECT_EQ( last( *peer(), applyRequest( manyServers( 3 ) ) ), applied( 4 ) );
 }
 
 TEST_F( ControlSocketTest, WaitsForADescriptor ) {
@@ -411,7 +352,7 @@ TEST_F( ControlSocketTest, WaitsForADescriptor ) {
    loop->runOnce();
    EXPECT_EQ( server->clientCount(), 0u );
    setrlimit( RLIMIT_NOFILE, &before );
-   EXPECT_EQ( last( *client, "{\"command\":\"clean-state\"}\n" ), Json( { { "done", true } } ) );
+   EXPECT_EQ( last( *client, request( "clean-state" ) ), done );
 }
 
 } // namespace host

@@ -15,25 +15,14 @@ using namespace platform;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Not;
 
 namespace {
 
-IpGenAddr address( const char * text ) {
-   return *IpGenAddr::fromText( text );
-}
-
 PacketFilterTargets someTargets() {
-   return { { address( "10.100.0.1" ), address( "10.100.0.2" ), address( "fd00:100::1" ) },
-         { address( "10.255.0.1" ), address( "fd00:255::1" ) } };
-}
-
-std::string inputs( const PacketFilterCommands & commands ) {
-   std::string all;
-   for ( const auto & each : commands ) {
-      all += each.input;
-   }
-   return all;
+   return { { ip( "10.100.0.1" ), ip( "10.100.0.2" ), ip( "fd00:100::1" ) },
+         { ip( "10.255.0.1" ), ip( "fd00:255::1" ) } };
 }
 
 std::string replaced( std::string text, const std::string & from, const std::string & to ) {
@@ -84,22 +73,21 @@ TEST( PacketFilterRules, ToolsTakeWhatIsWrittenAndGiveItBackWhole ) {
    };
    for ( const auto form : { PacketFilterForm::native, PacketFilterForm::xtables } ) {
       append( packetFilter::install( form, someTargets() ) );
-      append( packetFilter::update( form, {} ) );
-      append( packetFilter::look( form, {} ) );
-      append( packetFilter::update( form, someTargets() ) );
-      append( packetFilter::look( form, someTargets() ) );
+      for ( const auto & targets : { PacketFilterTargets{}, someTargets() } ) {
+         append( packetFilter::update( form, targets ) );
+         append( packetFilter::look( form, targets ) );
+      }
       if ( form == PacketFilterForm::native ) {
-         missed( form, "nft flush set inet health-monitor vips4" );
-         missed( form, "nft flush set inet health-monitor vips6" );
-         missed( form, "nft delete table inet health-monitor" );
-      } else {
-         for ( const auto * chain : { "PREROUTING", "HEALTH-MONITOR-OUT", "HEALTH-MONITOR-IN",
-                     "HEALTH-MONITOR-STRAY", "HEALTH-MONITOR-ECHO" } ) {
-            missed( form, fmt::format( "iptables-nft -t mangle -F {}", chain ) );
-            missed( form, fmt::format( "ip6tables-nft -t mangle -F {}", chain ) );
+         for ( const auto * what : { "flush set inet health-monitor vips4",
+                     "flush set inet health-monitor vips6", "delete table inet health-monitor" } ) {
+            missed( form, fmt::format( "nft {}", what ) );
          }
-         missed( form, "iptables-nft -t mangle -D OUTPUT -j HEALTH-MONITOR-OUT" );
-         missed( form, "ip6tables-nft -t mangle -F OUTPUT" );
+      } else {
+         for ( const auto * what : { "F PREROUTING", "F HEALTH-MONITOR-OUT", "F HEALTH-MONITOR-IN",
+                     "F HEALTH-MONITOR-STRAY", "F HEALTH-MONITOR-ECHO", "D OUTPUT -j HEALTH-MONITOR-OUT" } ) {
+            missed( form, fmt::format( "iptables-nft -t mangle -{}", what ) );
+            missed( form, fmt::format( "ip6tables-nft -t mangle -{}", what ) );
+         }
       }
       append( packetFilter::remove( form ) );
    }
@@ -108,21 +96,20 @@ TEST( PacketFilterRules, ToolsTakeWhatIsWrittenAndGiveItBackWhole ) {
    EXPECT_EQ( ran( { "unshare", "--net", "sh", "-s" }, script ), std::nullopt ) << script;
 }
 
+// Of the native form nft itself refuses an address in a set of the other family.
 TEST( PacketFilterRules, NameEveryAddressInItsOwnFamily ) {
-   const auto native = inputs( packetFilter::update( PacketFilterForm::native, someTargets() ) );
-   EXPECT_THAT(
-         native, AllOf( HasSubstr( "vips4 { 10.100.0.1, 10.100.0.2 }" ), HasSubstr( "vips6 { fd00:100::1 }" ),
-                       HasSubstr( "sources4 { 10.255.0.1 }" ), HasSubstr( "sources6 { fd00:255::1 }" ) ) );
-   const auto xtables = packetFilter::update( PacketFilterForm::xtables, someTargets() );
-   ASSERT_EQ( xtables.size(), 2u );
-   EXPECT_THAT( xtables[0].input, AllOf( HasSubstr( "-A HEALTH-MONITOR-ECHO -d 10.100.0.2 -j NFQUEUE" ),
-                                        HasSubstr( "-A HEALTH-MONITOR-STRAY -d 10.100.0.2 -j DROP" ),
-                                        HasSubstr( "-s 10.255.0.1 " ), Not( HasSubstr( "fd00" ) ) ) );
-   EXPECT_THAT( xtables[1].input,
+   const auto commands = packetFilter::update( PacketFilterForm::xtables, someTargets() );
+   ASSERT_EQ( commands.size(), 2u );
+   EXPECT_THAT( commands[0].input, AllOf( HasSubstr( "-A HEALTH-MONITOR-ECHO -d 10.100.0.2 -j NFQUEUE" ),
+                                         HasSubstr( "-A HEALTH-MONITOR-STRAY -d 10.100.0.2 -j DROP" ),
+                                         HasSubstr( "-s 10.255.0.1 " ), Not( HasSubstr( "fd00" ) ) ) );
+   EXPECT_THAT( commands[1].input,
          AllOf( HasSubstr( "-d fd00:100::1 " ), HasSubstr( "-s fd00:255::1 " ), Not( HasSubstr( "10." ) ) ) );
    // No bypass in either form: an unserved queue must not let probes out as they are.
    for ( const auto form : { PacketFilterForm::native, PacketFilterForm::xtables } ) {
-      EXPECT_THAT( inputs( packetFilter::install( form, someTargets() ) ), Not( HasSubstr( "bypass" ) ) );
+      for ( const auto & command : packetFilter::install( form, someTargets() ) ) {
+         EXPECT_THAT( command.input, Not( HasSubstr( "bypass" ) ) );
+      }
    }
 }
 
@@ -141,7 +128,7 @@ class PacketFilterTest : public StateTest {
             home.string() );
       std::filesystem::permissions( home / "nft", std::filesystem::perms::owner_all );
       setenv( "PATH", ( home.string() + ":" + path ).c_str(), 1 );
-      filter = new PacketFilter( loop, scheduler, manager, status(),
+      filter = new PacketFilter( loop, scheduler, manager, root<HostStatus>( HostStatus::path ),
             [this]( const std::string & line ) { told.push_back( line ); } );
    }
    ~PacketFilterTest() override {
@@ -150,28 +137,21 @@ class PacketFilterTest : public StateTest {
       std::filesystem::remove_all( home );
    }
 
-   Ptr<HostStatus> status() const { return root<HostStatus>( HostStatus::path ); }
+   std::string status() const { return root<HostStatus>( HostStatus::path )->packetFilter(); }
    /// What was run since the last question.
    std::string log() {
       std::ifstream file( home / "log" );
-      std::string text( std::istreambuf_iterator<char>( file ), {} );
-      const auto fresh = text.substr( read );
-      read = text.size();
-      return fresh;
+      const std::string text( std::istreambuf_iterator<char>( file ), {} );
+      return text.substr( std::exchange( read, text.size() ) );
    }
-   void failing( bool yes ) {
-      if ( yes ) {
-         std::ofstream( home / "fail" );
-      } else {
-         std::filesystem::remove( home / "fail" );
-      }
-   }
-   void pass( Seconds time ) {
+   void failing() { std::ofstream( home / "fail" ); }
+   void working() { std::filesystem::remove( home / "fail" ); }
+   /// What is run in the next time.
+   std::string logAfter( Seconds time ) {
       clock.advance( time );
       scheduler->runUntilIdle();
-   }
-   bool idle() {
-      return turnUntil( [this] { return filter->idle(); } );
+      EXPECT_TRUE( turnUntil( [this] { return filter->idle(); } ) );
+      return log();
    }
 
    const std::string path = getenv( "PATH" );
@@ -187,68 +167,52 @@ class PacketFilterTest : public StateTest {
 
 TEST_F( PacketFilterTest, FollowsVirtualAddressesAndSourcesInOneGo ) {
    filter->start();
-   EXPECT_EQ( status()->packetFilter(), "native" );
+   EXPECT_EQ( status(), "native" );
    EXPECT_THAT( log(), AllOf( HasSubstr( "delete table" ), Not( HasSubstr( "add element" ) ) ) );
    for ( int each = 1; each <= 200; ++each ) {
       probeConfig()
             ->nhgProbeConfigIs( fmt::format( "web{}", each ) )
-            ->vipIs( address( fmt::format( "10.100.0.{}", each ).c_str() ) );
+            ->vipIs( ip( fmt::format( "10.100.0.{}", each ) ) );
    }
-   pass( Seconds( 1 ) );
+   clock.advance( Seconds( 1 ) );
+   scheduler->runUntilIdle();
    probeConfig()->nhgProbeConfigDel( "web7" ); // while the program runs: seen once it has ended
-   pass( Seconds( 1 ) );
-   ASSERT_TRUE( idle() );
-   auto lines = log();
+   const auto lines = logAfter( Seconds( 1 ) );
    EXPECT_EQ( lines.find( "run " ), lines.rfind( "run " ) ) << lines;
    EXPECT_THAT( lines, AllOf( HasSubstr( "10.100.0.200" ), HasSubstr( "10.100.0.7," ),
                              Not( HasSubstr( "delete table" ) ) ) );
-   pass( Seconds( 1 ) );
-   ASSERT_TRUE( idle() );
-   EXPECT_THAT( log(), AllOf( HasSubstr( "10.100.0.200" ), Not( HasSubstr( "10.100.0.7," ) ) ) );
-   const auto published = root<HmState::ServerStatus>( "healthMonitor/status/serverStatus" );
-   published->probeSrcIpIs( address( "10.255.0.1" ) );
-   pass( Seconds( 1 ) );
-   ASSERT_TRUE( idle() );
-   EXPECT_THAT( log(), HasSubstr( "sources4 { 10.255.0.1 }" ) );
-   published->probeSrcIpIs( address( "10.255.0.2" ) ); // late answers to the former one still come
-   pass( Seconds( 1 ) );
-   ASSERT_TRUE( idle() );
-   EXPECT_THAT( log(), HasSubstr( "sources4 { 10.255.0.2, 10.255.0.1 }" ) );
-   published->probeSrcIp6Is( address( "fd00:255::1" ) );
-   pass( Seconds( 1 ) );
-   ASSERT_TRUE( idle() );
-   EXPECT_THAT( log(), HasSubstr( "sources6 { fd00:255::1 }" ) );
+   EXPECT_THAT(
+         logAfter( Seconds( 1 ) ), AllOf( HasSubstr( "10.100.0.200" ), Not( HasSubstr( "10.100.0.7," ) ) ) );
+   serverStatus()->probeSrcIpIs( ip( "10.255.0.1" ) );
+   EXPECT_THAT( logAfter( Seconds( 1 ) ), HasSubstr( "sources4 { 10.255.0.1 }" ) );
+   serverStatus()->probeSrcIpIs( ip( "10.255.0.2" ) ); // late answers to the former one still come
+   EXPECT_THAT( logAfter( Seconds( 1 ) ), HasSubstr( "sources4 { 10.255.0.2, 10.255.0.1 }" ) );
+   serverStatus()->probeSrcIp6Is( ip( "fd00:255::1" ) );
+   EXPECT_THAT( logAfter( Seconds( 1 ) ), HasSubstr( "sources6 { fd00:255::1 }" ) );
    filter = nullptr;
    EXPECT_THAT( log(), HasSubstr( "delete table" ) );
-   EXPECT_THAT( told, ElementsAre() );
+   EXPECT_THAT( told, IsEmpty() );
 }
 
 TEST_F( PacketFilterTest, AFailureIsToldOnceAndTriedAgain ) {
-   failing( true );
+   failing();
    filter->start();
-   EXPECT_THAT( status()->packetFilter(), HasSubstr( "failed: nft: no room" ) );
-   pass( Seconds( 10 ) );
-   ASSERT_TRUE( idle() );
+   EXPECT_THAT( status(), HasSubstr( "failed: nft: no room" ) );
+   logAfter( Seconds( 10 ) );
    EXPECT_THAT( told, ElementsAre( HasSubstr( "nft: no room (status 1)" ) ) );
-   failing( false );
-   pass( Seconds( 10 ) );
-   ASSERT_TRUE( idle() );
-   EXPECT_THAT( log(), HasSubstr( "table inet" ) );
-   EXPECT_EQ( status()->packetFilter(), "native" );
+   working();
+   EXPECT_THAT( logAfter( Seconds( 10 ) ), HasSubstr( "table inet" ) );
+   EXPECT_EQ( status(), "native" );
    EXPECT_THAT( told, ElementsAre( HasSubstr( "no room" ), HasSubstr( "in place again" ) ) );
 }
 
 TEST_F( PacketFilterTest, RulesThatSomebodyFlushedComeBack ) {
    filter->start();
-   log();
-   failing( true ); // as a look at a table that is gone does
-   pass( Seconds( 30 ) );
-   ASSERT_TRUE( idle() );
-   failing( false );
-   pass( Seconds( 1 ) );
-   ASSERT_TRUE( idle() );
-   EXPECT_THAT( log(), HasSubstr( "delete table" ) );
-   EXPECT_THAT( told, ElementsAre() );
+   failing(); // as a look at a table that is gone does
+   logAfter( Seconds( 30 ) );
+   working();
+   EXPECT_THAT( logAfter( Seconds( 1 ) ), HasSubstr( "delete table" ) );
+   EXPECT_THAT( told, IsEmpty() );
 }
 
 } // namespace host

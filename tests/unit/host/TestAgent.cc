@@ -1,5 +1,4 @@
 #include "platform/Agent.h"
-#include "platform/Reactor.h"
 #include "platform/state/HmState.h"
 
 #include <chrono>
@@ -8,41 +7,10 @@
 #include <fstream>
 #include <thread>
 
-/// The smallest agent that shows a host at work: it publishes every configured server as up.
+/// The smallest agent that shows a host at work: it is clean when no servers are configured.
 namespace {
 
 using namespace platform;
-
-class Publisher final : public Reactor {
- public:
-   Publisher( Ptr<HmState::ServerConfig> config, Ptr<HmState::ServerStatus> status )
-         : config_( std::move( config ) ),
-           status_( std::move( status ) ) {
-      watch<HmState::ServerConfig, NexthopGroupName>( config_, HmState::ServerConfig::nhgConfigAttr(),
-            [this]( const NexthopGroupName & name ) { handleNhgConfig( name ); } );
-      notificationsEnabledIs( true );
-      for ( const auto & group : config_->nhgConfigItems() ) {
-         handleNhgConfig( group.key );
-      }
-   }
-   const Ptr<HmState::ServerStatus> & status() const { return status_; }
-
- private:
-   void handleNhgConfig( const NexthopGroupName & name ) {
-      const auto config = config_->nhgConfig( name );
-      if ( !config ) {
-         status_->nhgProbeStatusDel( name );
-         return;
-      }
-      const auto group = status_->nhgProbeStatusIs( name );
-      for ( const auto & server : config->serverIpItems() ) {
-         group->serverProbeStatusIs( server.key )->operStateIs( HmState::ServerOperState::up );
-      }
-   }
-
-   const Ptr<HmState::ServerConfig> config_;
-   const Ptr<HmState::ServerStatus> status_;
-};
 
 class TestAgent final : public Agent {
  public:
@@ -63,18 +31,15 @@ class TestAgent final : public Agent {
       group->close( false, "", Seconds{ 0 } );
    }
    void doMountsComplete( MountStatus, Ptr<EntityManager> entityManager ) override {
-      publisher_ = new Publisher( dynamicPtrCast<HmState::ServerConfig>(
-                                        entityManager->entity( "healthMonitor/config/serverConfig" ) ),
-            dynamicPtrCast<HmState::ServerStatus>(
-                  entityManager->entity( "healthMonitor/status/serverStatus" ) ) );
+      config_ = dynamicPtrCast<HmState::ServerConfig>(
+            entityManager->entity( "healthMonitor/config/serverConfig" ) );
    }
    std::string doCheckAgentCleanState() const override {
-      const auto count = publisher_->status()->nhgProbeStatusCount();
-      return count == 0 ? "" : fmt::format( "nhgProbeStatus[] is not empty: {}", count );
+      return config_->nhgConfigCount() == 0 ? "" : "nhgConfig[] is not empty";
    }
 
  private:
-   Ptr<Publisher> publisher_;
+   Ptr<HmState::ServerConfig> config_;
 };
 
 } // namespace
