@@ -1,8 +1,8 @@
 // The packet path on packets made here: what goes out, byte for byte, and what becomes of everything else.
-#include "ConfigFixture.h"
 #include "HealthMonitor/HmEchoResponder.h"
 #include "HealthMonitor/HmProbeEncap.h"
 #include "platform/Checksum.h"
+#include "TestValues.h"
 #include "TraceLines.h"
 
 #include <arpa/inet.h>
