@@ -6,11 +6,6 @@ namespace {
 
 class InvariantsDeathTest : public ConfigFixture {
  public:
-   struct Row {
-      const char * message;
-      std::function<void()> breakIt;
-   };
-
    InvariantsDeathTest() {
       probeConfig->monitoringEnabledIs( true );
       serverStatus->probeSrcIp6Is( ip( "2001:db8::1" ) );
@@ -18,11 +13,6 @@ class InvariantsDeathTest : public ConfigFixture {
       nhg( "web" )->serverIpIs( server );
       startAgent();
       runUntilIdle();
-   }
-   static void expectDeaths( const std::vector<Row> & rows ) {
-      for ( const auto & row : rows ) {
-         EXPECT_DEATH( row.breakIt(), testing::HasSubstr( row.message ) ) << row.message;
-      }
    }
 
    const IpGenAddr server = ip( "2001:db8::2" );
