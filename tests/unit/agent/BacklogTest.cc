@@ -39,14 +39,15 @@ TEST_F( Backlog, ServerThatLeavesAndReturnsBeforeTheUpdateCycleIsNotTouchedInThe
    EXPECT_EQ( mark( "10.1.1.1" ), before );
 }
 
-TEST_F( Backlog, NewVirtualAddressMovesEachServerUnderItsOneMark ) {
+TEST_F( Backlog, NewVirtualAddressMovesAllServersEachUnderItsOneMark ) {
    probe( "web" )->vipIs( ip( "192.0.2.1" ) );
-   settledWeb( { "10.1.1.1" } );
+   settledWeb( { "10.1.1.1", "10.1.1.2" } );
    const auto before = mark( "10.1.1.1" );
    probe( "web" )->vipIs( ip( "192.0.2.2" ) );
    runUntilIdle();
-   EXPECT_THAT( engine.log, ElementsAre( "remove http/web/10.1.1.1 at 192.0.2.1", "reload",
-                                  "add http/web/10.1.1.1 at 192.0.2.2" ) );
+   EXPECT_THAT( engine.log,
+         ElementsAre( "remove http/web/10.1.1.1 at 192.0.2.1", "remove http/web/10.1.1.2 at 192.0.2.1",
+               "reload", "add http/web/10.1.1.1 at 192.0.2.2", "add http/web/10.1.1.2 at 192.0.2.2" ) );
    EXPECT_EQ( mark( "10.1.1.1" ), before );
 }
 
@@ -64,30 +65,6 @@ TEST_F( Backlog, GroupSettingsFollowWithoutTouchingTheHosts ) {
       EXPECT_EQ( webGroup()->ttl(), row.ttl );
    }
    EXPECT_THAT( engine.log, testing::Each( "reload" ) );
-}
-
-TEST_F( Backlog, EachSliceMovesOnByOneEntryAndResumesWhereItStopped ) {
-   scheduler->sliceBudgetIs( Clock::Duration{ 0 } );
-   web( "web", { "10.1.1.1", "10.1.1.2", "10.1.1.3" } );
-   probe( "other" )->httpUrlIs( "http://o/" );
-   for ( std::size_t left = 3; left > 0; --left ) {
-      ASSERT_EQ( backlog().nhgServerBacklogCount(), left );
-      scheduler->runSlice();
-   }
-   // The last slice used its budget up on a server; the groups' settings wait for the next one.
-   ASSERT_EQ( configSm->backlogSm()->backlogTypeBookmark(), BacklogType::nhgLocalAttrsChange );
-   const auto nhgs = backlog().nhgLocalAttrsBacklogCount();
-   ASSERT_GT( nhgs, 1u );
-   nhg( "other" )->serverIpIs( ip( "10.2.2.2" ) ); // for a backlog that this pass has left behind
-   scheduler->runSlice();
-   EXPECT_EQ( backlog().nhgLocalAttrsBacklogCount(), nhgs - 1 );
-   while ( configSm->backlogSm()->backlogTypeBookmark() == BacklogType::nhgLocalAttrsChange ) {
-      ASSERT_TRUE( scheduler->runSlice() );
-   }
-   EXPECT_EQ( commonData->configPhase(), ConfigPhase::backlogProcessing );
-   EXPECT_TRUE( configSm->backlogTask()->taskScheduled() );
-   runUntilIdle();
-   EXPECT_EQ( engine.marks.size(), 4u );
 }
 
 TEST_F( Backlog, MarksAreNotHandedOutTwiceByAReactorThatComesLater ) {

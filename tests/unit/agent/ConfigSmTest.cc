@@ -12,11 +12,6 @@ class Monitoring : public ConfigFixture {
       startAgent();
       runUntilIdle();
    }
-   /// The phase in which the update cycle has the word and waits for the engine.
-   void stopInUpdateCycle() {
-      scheduler->runUntilIdle();
-      ASSERT_EQ( commonData->configPhase(), ConfigPhase::netChasmInfoProcessing );
-   }
    bool published( const NexthopGroupName & name, const char * server ) const {
       const auto status = serverStatus->nhgProbeStatus( name );
       return status && status->serverProbeStatusHas( ip( server ) );
@@ -88,21 +83,6 @@ TEST_F( Monitoring, OffWithdrawsWhatWasPublishedAndTellsTheEngineNothing ) {
    EXPECT_TRUE( configSm->backlogSm()->allBacklogsEmpty() );
 }
 
-TEST_F( Monitoring, ChangesDuringTheUpdateCycleWaitForItsEnd ) {
-   startMonitoring();
-   probeConfig->maxNumberOfThreadsIs( 2 );
-   stopInUpdateCycle();
-   commonData->configPhaseIs( ConfigPhase::backlogProcessing );
-   EXPECT_FALSE( configSm->backlogTask()->taskScheduled() ) << "nothing is waiting";
-   probeConfig->maxNumberOfThreadsIs( 3 );
-   stopInUpdateCycle();
-   web( "web", { "10.1.1.2", "10.1.1.3" } );
-   EXPECT_EQ( backlog().nhgServerBacklogCount(), 2u );
-   EXPECT_FALSE( configSm->backlogTask()->taskScheduled() );
-   commonData->configPhaseIs( ConfigPhase::backlogProcessing );
-   EXPECT_TRUE( configSm->backlogTask()->taskScheduled() );
-}
-
 TEST_F( Monitoring, DisabledGroupIsWithdrawnAndPublishedAsSuchWhileMonitoringIsOn ) {
    web( "web", { "10.1.1.1" } );
    startMonitoring();
@@ -147,19 +127,6 @@ TEST_F( Monitoring, ServerMayLeaveBeforeItsGroupsMonitoringIsToldToStart ) {
    EXPECT_EQ( engine.marks.size(), 1u );
 }
 
-TEST_F( Monitoring, OnlyTheGlobalSslProfileIsFollowedFromHere ) {
-   web( "web", { "10.1.1.1" } );
-   const auto corp = sslStatus->profileStatusIs( "corp" );
-   const auto other = sslStatus->profileStatusIs( "other" );
-   probeConfig->sslProfileIs( "corp" );
-   startMonitoring();
-   other->stateIs( Mgmt::Security::Ssl::ProfileState::valid );
-   sslStatus->profileStatusDel( "other" );
-   EXPECT_TRUE( configSm->backlogSm()->allBacklogsEmpty() );
-   corp->stateIs( Mgmt::Security::Ssl::ProfileState::valid );
-   EXPECT_TRUE( backlog().nhgLocalAttrsBacklogHas( "web" ) );
-}
-
 TEST_F( Monitoring, WorkThatWaitedWhileNotificationsWereOffIsTakenUp ) {
    startMonitoring();
    web( "web", { "10.1.1.1" } );
@@ -169,7 +136,8 @@ TEST_F( Monitoring, WorkThatWaitedWhileNotificationsWereOffIsTakenUp ) {
    EXPECT_FALSE( serverStatus->nhgProbeStatusHas( "unseen" ) );
    EXPECT_TRUE( engine.marks.empty() );
    configSm->notificationsEnabledIs( true );
-   stopInUpdateCycle();
+   scheduler->runUntilIdle();
+   EXPECT_EQ( commonData->configPhase(), ConfigPhase::netChasmInfoProcessing );
    configSm->notificationsEnabledIs( false );
    runUntilIdle();
    EXPECT_EQ( commonData->configPhase(), ConfigPhase::netChasmInfoProcessing );
