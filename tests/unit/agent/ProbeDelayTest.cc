@@ -58,10 +58,6 @@ TEST_F( ProbeDelayTest, TextShowsRangesAndJsonEverySecond ) {
    histogram[0] = 40;
    histogram[2] = 10;
    RecordingEngine::probeDelaysAre( histogram );
-   EXPECT_EQ( show( delay ), "Delay Range ( in seconds ) Probes Percentage of Probes\n"
-                             "-------------------------- ------ --------------------\n"
-                             "(0,1]                      40     80.00%\n"
-                             "(2,5]                      10     20.00%\n" );
    const auto document = showJson( delay )["intervals"];
    EXPECT_EQ( document.size(), 121u );
    EXPECT_EQ( document["1"].dump(), R"({"numProbes":40,"percentProbes":80})" );
@@ -71,12 +67,11 @@ TEST_F( ProbeDelayTest, TextShowsRangesAndJsonEverySecond ) {
 
    histogram[119] = 123'456'789;
    RecordingEngine::probeDelaysAre( histogram );
-   EXPECT_EQ( show( delay + std::string( " interval 30" ) ),
-         "Delay Range ( in seconds ) Probes    Percentage of Probes\n"
-         "-------------------------- ------    --------------------\n"
-         "(0,1]                      40        0.00%\n"
-         "(1,3]                      10        0.00%\n"
-         "(119,+∞]                   123456789 100.00%\n" );
+   EXPECT_EQ( show( delay ), "Delay Range ( in seconds ) Probes    Percentage of Probes\n"
+                             "-------------------------- ------    --------------------\n"
+                             "(0,1]                      40        0.00%\n"
+                             "(2,5]                      10        0.00%\n"
+                             "(20,+∞]                    123456789 100.00%\n" );
 
    run( "clear health-monitor probe delay" );
    EXPECT_TRUE( RecordingEngine::waitForCall( "clearProbeDelay" ) );
