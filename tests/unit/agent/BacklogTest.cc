@@ -67,6 +67,23 @@ TEST_F( Backlog, GroupSettingsFollowWithoutTouchingTheHosts ) {
    EXPECT_THAT( engine.log, testing::Each( "reload" ) );
 }
 
+TEST_F( Backlog, EachSliceResumesInTheBacklogWhereTheLastOneStopped ) {
+   scheduler->sliceBudgetIs( Clock::Duration{ 0 } );
+   web( "web", { "10.1.1.1", "10.1.1.2" } );
+   probe( "other" )->httpUrlIs( "http://o/" );
+   for ( std::size_t left = 2; left > 0; --left ) {
+      ASSERT_EQ( backlog().nhgServerBacklogCount(), left );
+      scheduler->runSlice();
+   }
+   ASSERT_EQ( backlog().nhgLocalAttrsBacklogCount(), 2u );
+   nhg( "other" )->serverIpIs( ip( "10.2.2.2" ) ); // for a backlog that this pass has left behind
+   scheduler->runSlice();
+   EXPECT_EQ( backlog().nhgLocalAttrsBacklogCount(), 1u );
+   EXPECT_EQ( backlog().nhgServerBacklogCount(), 1u );
+   runUntilIdle();
+   EXPECT_EQ( engine.marks.size(), 3u );
+}
+
 TEST_F( Backlog, MarksAreNotHandedOutTwiceByAReactorThatComesLater ) {
    settledWeb( { "10.1.1.1" } );
    const Ptr<Task> task = new Task( scheduler, TaskPriority{ 3 }, "backlogSmTask" );
