@@ -1,4 +1,5 @@
 #include "ConfigFixture.h"
+#include "TraceLines.h"
 
 namespace hm::test {
 namespace {
@@ -13,56 +14,17 @@ class Backlog : public ConfigFixture {
       runUntilIdle();
       engine.log.clear();
    }
+   /// The agent has told the engine of these servers of a group "web".
+   void settledWeb( std::initializer_list<const char *> servers ) {
+      web( "web", servers );
+      runUntilIdle();
+      engine.log.clear();
+   }
 };
 
-TEST_F( Backlog, NewServerReachesTheEngineWithGroupAddressAndMark ) {
-   serverStatus->probeSrcIpIs( ip( "10.0.0.1" ) );
-   const auto settings = probe( "web" );
-   settings->httpUrlIs( "http://h/health" );
-   settings->tcpUrlIs( "tcp://h:8080" );
-   settings->vipIs( ip( "192.0.2.1" ) );
-   nhg( "web" )->serverIpIs( ip( "10.1.1.1" ) );
-   runUntilIdle();
-
-   const auto & sm = *configSm->backlogSm();
-   sm.verifyHostConfig( "web", ProbeType::http, "http://h/health", ip( "192.0.2.1" ), Seconds{ 5 },
-         ip( "10.0.0.1" ), "", 10, 0, 3, true );
-   sm.verifyHostConfig( "web", ProbeType::tcp, "tcp://h:8080", ip( "192.0.2.1" ), Seconds{ 5 },
-         ip( "10.0.0.1" ), "", 10, 0, 3, true );
-   EXPECT_EQ( group( "web-http" )->checkType(), "http-mark" );
-   EXPECT_THAT( hosts( "web", ProbeType::tcp ), ElementsAre( "tcp/web/10.1.1.1" ) );
-   EXPECT_NE( mark( "10.1.1.1" ), 0u );
-   EXPECT_EQ( markReferences( "10.1.1.1" ), 2u );
-   EXPECT_EQ( engine.marks["http/web/10.1.1.1 at 192.0.2.1"], mark( "10.1.1.1" ) );
-   EXPECT_EQ( engine.marks["tcp/web/10.1.1.1 at 192.0.2.1"], mark( "10.1.1.1" ) );
-}
-
-TEST_F( Backlog, RemovalsPrecedeTheReloadAndAdditionsFollowIt ) {
-   web( "web", { "10.1.1.1" } );
-   runUntilIdle();
-   engine.log.clear();
-   nhg( "web" )->serverIpIs( ip( "10.1.1.2" ) );
-   nhg( "web" )->serverIpDel( ip( "10.1.1.1" ) );
-   runUntilIdle();
-   EXPECT_THAT( engine.log, ElementsAre( "remove http/web/10.1.1.1 at 10.1.1.1", "reload",
-                                  "add http/web/10.1.1.2 at 10.1.1.2" ) );
-}
-
-TEST_F( Backlog, LaterWishForAServerReplacesTheEarlierOne ) {
-   web( "web", { "10.1.1.1" } );
-   nhg( "web" )->serverIpDel( ip( "10.1.1.1" ) );
-   EXPECT_EQ( backlog().nhgServerBacklog( { "web", ip( "10.1.1.1" ) } ), false );
-   EXPECT_EQ( backlog().nhgServerBacklogCount(), 1u );
-   runUntilIdle();
-   EXPECT_THAT( engine.log, ElementsAre( "reload" ) );
-   EXPECT_EQ( commonData->serverIpToMarkCount(), 0u );
-}
-
 TEST_F( Backlog, ServerThatLeavesAndReturnsBeforeTheUpdateCycleIsNotTouchedInTheEngine ) {
-   web( "web", { "10.1.1.1" } );
-   runUntilIdle();
+   settledWeb( { "10.1.1.1" } );
    const auto before = mark( "10.1.1.1" );
-   engine.log.clear();
    // One server a slice: the withdrawal is in the model and its command pending when the server returns.
    scheduler->sliceBudgetIs( Clock::Duration{ 0 } );
    nhg( "web" )->serverIpDel( ip( "10.1.1.1" ) );
@@ -70,160 +32,76 @@ TEST_F( Backlog, ServerThatLeavesAndReturnsBeforeTheUpdateCycleIsNotTouchedInThe
    scheduler->runSlice();
    ASSERT_EQ( configSm->netChasmInfo()->updateCmdInfos(), 1u );
    ASSERT_TRUE( commonData->delMarkPendingListHas( ip( "10.1.1.1" ) ) );
-   ASSERT_EQ( commonData->markToServerIp( before ), ip( "10.1.1.1" ) ); // packets may still carry it
+   ASSERT_EQ( commonData->markToServerIp( before.first ), ip( "10.1.1.1" ) ); // packets may still carry it
    nhg( "web" )->serverIpIs( ip( "10.1.1.1" ) );
    runUntilIdle();
    EXPECT_THAT( engine.log, ElementsAre( "reload", "add http/web/10.9.9.9 at 10.9.9.9" ) );
    EXPECT_EQ( mark( "10.1.1.1" ), before );
-   EXPECT_EQ( markReferences( "10.1.1.1" ), 1u );
 }
 
-TEST_F( Backlog, NewVirtualAddressMovesEachServerUnderItsOneMark ) {
-   web( "web", { "10.1.1.1" } );
+TEST_F( Backlog, NewVirtualAddressMovesAllServersEachUnderItsOneMark ) {
    probe( "web" )->vipIs( ip( "192.0.2.1" ) );
-   runUntilIdle();
+   settledWeb( { "10.1.1.1", "10.1.1.2" } );
    const auto before = mark( "10.1.1.1" );
-   engine.log.clear();
    probe( "web" )->vipIs( ip( "192.0.2.2" ) );
    runUntilIdle();
-   EXPECT_THAT( engine.log, ElementsAre( "remove http/web/10.1.1.1 at 192.0.2.1", "reload",
-                                  "add http/web/10.1.1.1 at 192.0.2.2" ) );
+   EXPECT_THAT( engine.log,
+         ElementsAre( "remove http/web/10.1.1.1 at 192.0.2.1", "remove http/web/10.1.1.2 at 192.0.2.1",
+               "reload", "add http/web/10.1.1.1 at 192.0.2.2", "add http/web/10.1.1.2 at 192.0.2.2" ) );
    EXPECT_EQ( mark( "10.1.1.1" ), before );
-   EXPECT_EQ( markReferences( "10.1.1.1" ), 1u );
-}
-
-TEST_F( Backlog, LosingTheUrlOfAProbeTypeWithdrawsThatTypeOnly ) {
-   web( "web", { "10.1.1.1" } );
-   probe( "web" )->tcpUrlIs( "tcp://h:80" );
-   runUntilIdle();
-   EXPECT_EQ( markReferences( "10.1.1.1" ), 2u );
-   probe( "web" )->httpUrlIs( "no url" );
-   runUntilIdle();
-   EXPECT_FALSE( group( "web-http" ) );
-   EXPECT_FALSE( commonData->hostNameToIpNhgPairHas( "http/web/10.1.1.1" ) );
-   EXPECT_THAT( hosts( "web", ProbeType::tcp ), ElementsAre( "tcp/web/10.1.1.1" ) );
-   EXPECT_EQ( markReferences( "10.1.1.1" ), 1u );
 }
 
 TEST_F( Backlog, GroupSettingsFollowWithoutTouchingTheHosts ) {
-   web( "web", { "10.1.1.1" } );
-   runUntilIdle();
-   engine.log.clear();
+   settledWeb( { "10.1.1.1" } );
    struct Row {
-      Seconds global;
-      Seconds own;
+      double global, own;
       std::uint32_t ttl;
    };
-   for ( const auto & row :
-         { Row{ Seconds{ 3 }, Seconds{ 5 }, 3000 }, Row{ Seconds{ 3 }, Seconds{ 5.5 }, 5500 },
-               Row{ Seconds{ 9 }, Seconds{ 5.5 }, 5500 }, Row{ Seconds{ 9 }, Seconds{ 5 }, 9000 },
-               Row{ Seconds{ 1e12 }, Seconds{ 5 }, 4294967295u } } ) {
-      probeConfig->probeIntervalIs( row.global );
-      probe( "web" )->probeIntervalIs( row.own );
+   for ( const auto & row : { Row{ 3, 5, 3000 }, Row{ 3, 5.5, 5500 }, Row{ 9, 5.5, 5500 }, Row{ 9, 5, 9000 },
+               Row{ 1e12, 5, 4294967295u } } ) {
+      probeConfig->probeIntervalIs( Seconds{ row.global } );
+      probe( "web" )->probeIntervalIs( Seconds{ row.own } );
       runUntilIdle();
-      EXPECT_EQ( group( "web-http" )->ttl(), row.ttl );
+      EXPECT_EQ( webGroup()->ttl(), row.ttl );
    }
-   probe( "web" )->timeoutIs( 2 );
-   probe( "web" )->retryDelayIs( 1 );
-   probe( "web" )->retryCountIs( 7 );
-   serverStatus->probeSrcIpIs( ip( "10.0.0.1" ) );
-   runUntilIdle();
-   EXPECT_EQ( group( "web-http" )->timeout(), 2000u );
-   EXPECT_EQ( group( "web-http" )->checkRetryDelay(), 1000u );
-   EXPECT_EQ( group( "web-http" )->checkRetries(), 7u );
-   EXPECT_EQ( group( "web-http" )->sourceAddress(), "10.0.0.1" );
    EXPECT_THAT( engine.log, testing::Each( "reload" ) );
 }
 
-TEST_F( Backlog, GroupThatLosesItsLastIpv4ServerTakesTheIpv6SourceAddress ) {
-   serverStatus->probeSrcIpIs( ip( "10.0.0.1" ) );
-   serverStatus->probeSrcIp6Is( ip( "2001:db8::1" ) );
-   web( "web", { "10.1.1.1", "2001:db8::2" } );
-   runUntilIdle();
-   nhg( "web" )->serverIpIs( ip( "2001:db8::3" ) );
-   runUntilIdle();
-   EXPECT_EQ( group( "web-http" )->sourceAddress(), "10.0.0.1" );
-   nhg( "web" )->serverIpDel( ip( "2001:db8::3" ) );
+TEST_F( Backlog, EachSliceResumesInTheBacklogWhereTheLastOneStopped ) {
    scheduler->sliceBudgetIs( Clock::Duration{ 0 } );
-   scheduler->runSlice();
-   EXPECT_EQ( backlog().nhgLocalAttrsBacklogCount(), 0u ) << "its family stays";
-   nhg( "web" )->serverIpDel( ip( "10.1.1.1" ) );
-   runUntilIdle();
-   EXPECT_EQ( group( "web-http" )->sourceAddress(), "2001:db8::1" );
-   EXPECT_EQ( group( "web-http" )->dualStackMode(), "ipv6-only" );
-}
-
-TEST_F( Backlog, EachSliceMovesOnByOneEntryAndResumesWhereItStopped ) {
-   scheduler->sliceBudgetIs( Clock::Duration{ 0 } );
-   web( "web", { "10.1.1.1", "10.1.1.2", "10.1.1.3" } );
+   web( "web", { "10.1.1.1", "10.1.1.2" } );
    probe( "other" )->httpUrlIs( "http://o/" );
-   for ( std::size_t left = 3; left > 0; --left ) {
+   for ( std::size_t left = 2; left > 0; --left ) {
       ASSERT_EQ( backlog().nhgServerBacklogCount(), left );
       scheduler->runSlice();
    }
-   // The last slice used its budget up on a server; the groups' settings wait for the next one.
-   ASSERT_EQ( configSm->backlogSm()->backlogTypeBookmark(), BacklogType::nhgLocalAttrsChange );
-   const auto nhgs = backlog().nhgLocalAttrsBacklogCount();
-   ASSERT_GT( nhgs, 1u );
+   ASSERT_EQ( backlog().nhgLocalAttrsBacklogCount(), 2u );
    nhg( "other" )->serverIpIs( ip( "10.2.2.2" ) ); // for a backlog that this pass has left behind
    scheduler->runSlice();
-   EXPECT_EQ( backlog().nhgLocalAttrsBacklogCount(), nhgs - 1 );
-   while ( configSm->backlogSm()->backlogTypeBookmark() == BacklogType::nhgLocalAttrsChange ) {
-      ASSERT_TRUE( scheduler->runSlice() );
-   }
-   EXPECT_EQ( commonData->configPhase(), ConfigPhase::backlogProcessing );
-   EXPECT_TRUE( configSm->backlogTask()->taskScheduled() );
+   EXPECT_EQ( backlog().nhgLocalAttrsBacklogCount(), 1u );
+   EXPECT_EQ( backlog().nhgServerBacklogCount(), 1u );
    runUntilIdle();
-   EXPECT_EQ( engine.marks.size(), 4u );
+   EXPECT_EQ( engine.marks.size(), 3u );
 }
 
-class Marks : public Backlog {};
-
-TEST_F( Marks, AreSharedByAllGroupsOfAServerUntilTheLastLetsGo ) {
-   web( "a", { "10.1.1.1" } );
-   web( "b", { "10.1.1.1" } );
-   runUntilIdle();
-   const auto before = mark( "10.1.1.1" );
-   EXPECT_EQ( markReferences( "10.1.1.1" ), 2u );
-   serverConfig->nhgConfigDel( "a" );
-   runUntilIdle();
-   EXPECT_EQ( mark( "10.1.1.1" ), before );
-   EXPECT_EQ( markReferences( "10.1.1.1" ), 1u );
-   serverConfig->nhgConfigDel( "b" );
-   runUntilIdle();
-   EXPECT_EQ( commonData->serverIpToMarkCount(), 0u );
-   EXPECT_FALSE( commonData->markToServerIpHas( before ) );
-   EXPECT_EQ( commonData->serverMarkBitmap()->bitsSet(), 1u );
-}
-
-TEST_F( Marks, AreNotHandedOutTwiceByAReactorThatComesLater ) {
-   web( "web", { "10.1.1.1" } );
-   runUntilIdle();
+TEST_F( Backlog, MarksAreNotHandedOutTwiceByAReactorThatComesLater ) {
+   settledWeb( { "10.1.1.1" } );
    const Ptr<Task> task = new Task( scheduler, TaskPriority{ 3 }, "backlogSmTask" );
    const Ptr<BacklogSm> later = new BacklogSm( probeConfig, serverConfig, serverStatus, sslStatus,
          new BacklogInfo(), new NetCHASMInfo(), commonData, task );
-   EXPECT_EQ( later->findOrCreateMarkForServer( ip( "10.1.1.1" ) ), mark( "10.1.1.1" ) );
-   EXPECT_NE( later->findOrCreateMarkForServer( ip( "10.1.1.2" ) ), mark( "10.1.1.1" ) );
-}
-
-TEST_F( Marks, ServerWithoutAMarkHasNothingToRelease ) {
-   EXPECT_EQ( configSm->backlogSm()->deleteMarkForServer( ip( "10.1.1.1" ) ), 0u );
+   EXPECT_EQ( later->findOrCreateMarkForServer( ip( "10.1.1.1" ) ), mark( "10.1.1.1" ).first );
+   EXPECT_NE( later->findOrCreateMarkForServer( ip( "10.1.1.2" ) ), mark( "10.1.1.1" ).first );
+   EXPECT_EQ( later->deleteMarkForServer( ip( "10.1.1.3" ) ), 0u );
    EXPECT_EQ( commonData->delMarkPendingListCount(), 0u );
 }
 
-TEST_F( Marks, WhenTheyRunOutServersWaitAndAreServedOnceSomeAreFreed ) {
+TEST_F( Backlog, WhenMarksRunOutServersWaitAndAreServedOnceSomeAreFreed ) {
    commonData->serverMarkBitmapIs( "small", 4, false )->setBit( 0 );
-   traceToStderrIs( true );
-   testing::internal::CaptureStderr();
-   web( "web", { "10.1.1.1", "10.1.1.2", "10.1.1.3", "10.1.1.4", "10.1.1.5" } );
-   runUntilIdle();
-   traceToStderrIs( false );
-   const auto trace = testing::internal::GetCapturedStderr();
-   const auto report = trace.find( "Server Mark bitmap full" );
-   EXPECT_NE( report, std::string::npos );
-   EXPECT_EQ( trace.find( "Server Mark bitmap full", report + 1 ), std::string::npos ) << trace;
+   const auto lines = linesOf( [this] {
+      settledWeb( { "10.1.1.1", "10.1.1.2", "10.1.1.3", "10.1.1.4", "10.1.1.5" } );
+   } );
+   EXPECT_EQ( countOf( lines, "Server Mark bitmap full" ), 1 );
    EXPECT_EQ( engine.marks.size(), 3u );
-   EXPECT_EQ( hosts( "web", ProbeType::http ).size(), 5u );
    EXPECT_FALSE( configSm->backlogTask()->taskScheduled() );
 
    nhg( "web" )->serverIpDel( ip( "10.1.1.4" ) ); // one of those who wait: nothing to tell the engine
@@ -231,127 +109,81 @@ TEST_F( Marks, WhenTheyRunOutServersWaitAndAreServedOnceSomeAreFreed ) {
    runUntilIdle();
    EXPECT_EQ( engine.marks.size(), 3u );
    EXPECT_NE( engine.marks["http/web/10.1.1.5 at 10.1.1.5"], 0u );
-   EXPECT_EQ( markReferences( "10.1.1.5" ), 1u );
 }
 
 class SslProfiles : public Backlog {
  public:
    using State = Mgmt::Security::Ssl::ProfileState;
-
    SslProfiles() {
       web( "web", { "10.1.1.1" } );
       probe( "web" )->httpUrlIs( "https://h/" );
    }
-   Ptr<Mgmt::Security::Ssl::ProfileStatus> profile( const char * name, State state ) {
-      const auto status = sslStatus->profileStatusIs( name );
+   static Ptr<Mgmt::Security::Ssl::ProfileStatus> profile( State state ) {
+      const Ptr<Mgmt::Security::Ssl::ProfileStatus> status = new Mgmt::Security::Ssl::ProfileStatus();
       status->caFilePathIs( "/ca.pem" );
       status->certFilePathIs( "/cert.pem" );
       status->stateIs( state );
       return status;
    }
-   std::string checkType() { return group( "web-http" )->checkType(); }
+   /// What the checks of the group work with after its next change.
+   std::string groupFiles() {
+      probe( "web" )->timeoutIs( probe( "web" )->timeout() + 1 );
+      runUntilIdle();
+      return files( *webGroup() );
+   }
+   std::string globalFiles() {
+      runUntilIdle();
+      return files( *commonData );
+   }
+
+ private:
+   template<class T>
+   std::string files( const T & of ) {
+      return fmt::format( "{} {} {}", webGroup()->checkType(), of.caFilePath(), of.certFilePath() );
+   }
 };
 
-TEST_F( SslProfiles, PeersAreNotVerifiedOnlyWhileNoProfileIsNamed ) {
-   runUntilIdle();
-   EXPECT_EQ( checkType(), "https-no-peer-check" );
-   probeConfig->sslProfileIs( "unknown" );
-   runUntilIdle();
-   EXPECT_EQ( checkType(), "https" );
-   EXPECT_EQ( commonData->caFilePath(), "" );
-   probeConfig->sslProfileIs( "" );
-   probe( "web" )->sslProfileIs( "own" );
-   runUntilIdle();
-   EXPECT_EQ( checkType(), "https" );
-   probe( "web" )->sslProfileIs( "" );
-   runUntilIdle();
-   EXPECT_EQ( checkType(), "https-no-peer-check" );
-}
-
 TEST_F( SslProfiles, FilesFollowTheStateOfTheGlobalProfile ) {
-   const auto corp = profile( "corp", State::valid );
+   EXPECT_EQ( globalFiles(), "https-no-peer-check  " );
    probeConfig->sslProfileIs( "corp" );
-   runUntilIdle();
-   EXPECT_EQ( commonData->caFilePath(), "/ca.pem" );
-   EXPECT_EQ( commonData->certFilePath(), "/cert.pem" );
-
+   EXPECT_EQ( globalFiles(), "https  " ) << "a name alone asks for the peer's verification";
+   const auto corp = profile( State::valid );
+   sslStatus->profileStatusInsert( "corp", corp ); // finished as it appears
+   EXPECT_EQ( globalFiles(), "https /ca.pem /cert.pem" );
    corp->caFilePathIs( "/next.pem" );
    corp->stateIs( State::updating );
-   runUntilIdle();
-   EXPECT_EQ( commonData->caFilePath(), "/ca.pem" );
-
+   EXPECT_EQ( globalFiles(), "https /ca.pem /cert.pem" );
    corp->certFilePathIs( "" );
    corp->stateIs( State::valid );
-   runUntilIdle();
-   EXPECT_EQ( commonData->caFilePath(), "/next.pem" );
-   EXPECT_EQ( commonData->certFilePath(), "" );
-
+   EXPECT_EQ( globalFiles(), "https /next.pem " );
    sslStatus->profileStatusDel( "corp" );
-   runUntilIdle();
-   EXPECT_EQ( commonData->caFilePath(), "" );
-   EXPECT_EQ( checkType(), "https" );
-}
-
-TEST_F( SslProfiles, GlobalProfileThatAppearsFinishedTakesEffect ) {
-   probeConfig->sslProfileIs( "corp" );
-   runUntilIdle();
-   const Ptr<Mgmt::Security::Ssl::ProfileStatus> corp = new Mgmt::Security::Ssl::ProfileStatus();
-   corp->caFilePathIs( "/ca.pem" );
-   corp->stateIs( State::valid );
-   sslStatus->profileStatusInsert( "corp", corp );
-   runUntilIdle();
-   EXPECT_EQ( commonData->caFilePath(), "/ca.pem" );
+   EXPECT_EQ( globalFiles(), "https  " );
+   probeConfig->sslProfileIs( "" );
+   EXPECT_EQ( globalFiles(), "https-no-peer-check  " );
 }
 
 TEST_F( SslProfiles, GroupsUseTheFilesOfTheirOwn ) {
-   profile( "own", State::valid );
+   probeConfig->globalUrlIs( "https://g/" );
    probe( "web" )->sslProfileIs( "own" );
-   runUntilIdle();
-   EXPECT_EQ( group( "web-http" )->caFilePath(), "/ca.pem" );
-   EXPECT_EQ( group( "web-http" )->certFilePath(), "/cert.pem" );
-   EXPECT_EQ( commonData->caFilePath(), "" );
-   // While its files are being replaced those evaluated before stay.
-   const auto own = sslStatus->profileStatus( "own" );
+   EXPECT_EQ( groupFiles(), "https  " );
+   const auto own = profile( State::updating );
+   sslStatus->profileStatusInsert( "own", own );
+   EXPECT_EQ( groupFiles(), "https  " ) << "there are none from before";
+   own->stateIs( State::valid );
+   EXPECT_EQ( groupFiles(), "https /ca.pem /cert.pem" );
+   EXPECT_EQ( globalFiles(), "https  " );
    own->caFilePathIs( "/next.pem" );
    own->stateIs( State::updating );
-   probe( "web" )->timeoutIs( 3 );
-   runUntilIdle();
-   EXPECT_EQ( group( "web-http" )->caFilePath(), "/ca.pem" );
-   // A group's profile is looked at again with the group's next change.
+   EXPECT_EQ( groupFiles(), "https /ca.pem /cert.pem" ) << "those evaluated before stay";
    own->stateIs( State::invalid );
-   EXPECT_TRUE( configSm->backlogSm()->allBacklogsEmpty() );
-   probe( "web" )->timeoutIs( 2 );
-   runUntilIdle();
-   EXPECT_EQ( group( "web-http" )->caFilePath(), "" );
-}
-
-TEST_F( SslProfiles, ProfileOfAGroupMayComeAfterItsNameAndBeforeItsFiles ) {
-   probe( "web" )->sslProfileIs( "own" );
-   runUntilIdle();
-   EXPECT_EQ( checkType(), "https" );
-   const auto own = profile( "own", State::updating );
-   probe( "web" )->timeoutIs( 3 );
-   runUntilIdle();
-   EXPECT_EQ( group( "web-http" )->caFilePath(), "" ); // there are none from before
-   EXPECT_EQ( checkType(), "https" );
+   EXPECT_TRUE( configSm->backlogSm()->allBacklogsEmpty() ) << "looked at with the group's next change";
+   EXPECT_EQ( groupFiles(), "https  " );
    own->stateIs( State::valid );
-   probe( "web" )->timeoutIs( 2 );
-   runUntilIdle();
-   EXPECT_EQ( group( "web-http" )->caFilePath(), "/ca.pem" );
-   EXPECT_EQ( group( "web-http" )->certFilePath(), "/cert.pem" );
-}
-
-TEST_F( SslProfiles, FilesOfAGroupGoWithItsSettings ) {
-   probeConfig->globalUrlIs( "https://g/" );
-   profile( "own", State::valid );
-   probe( "web" )->sslProfileIs( "own" );
-   runUntilIdle();
-   ASSERT_EQ( group( "web-http" )->caFilePath(), "/ca.pem" );
+   EXPECT_EQ( groupFiles(), "https /next.pem /cert.pem" );
    probeConfig->nhgProbeConfigDel( "web" );
    runUntilIdle();
-   EXPECT_EQ( group( "web-http" )->caFilePath(), "" );
-   EXPECT_EQ( group( "web-http" )->certFilePath(), "" );
-   EXPECT_EQ( checkType(), "https-no-peer-check" );
+   EXPECT_EQ( webGroup()->caFilePath() + webGroup()->certFilePath(), "" );
+   EXPECT_EQ( webGroup()->checkType(), "https-no-peer-check" );
    EXPECT_EQ( commonData->nhgSslParamsCount(), 0u );
 }
 

@@ -35,7 +35,6 @@ TEST( HttpUrl, BecomesCheckTypePathAndPort ) {
 
 TEST( TcpUrl, GivesItsLastTokenAsPort ) {
    const UrlRow rows[] = {
-         { "tcp://10.0.0.1:8080", false, { "tcp", "", "8080" } },
          { "tcp://10.0.0.1:8080", true, { "tcp", "", "8080" } },
          { "tcp://[2001:db8::1]:443", false, { "tcp", "", "443" } },
          { "tcp::8080", false, { "tcp", "", "8080" } },
@@ -56,11 +55,6 @@ TEST( TcpUrl, GivesItsLastTokenAsPort ) {
    for ( const auto & row : rows ) {
       EXPECT_EQ( BacklogSm::parseTcpUrlInfo( "n", row.url, row.vip ), row.params ) << row.url;
    }
-}
-
-TEST( CheckParams, AreTrueAsSoonAsOneFieldIsThere ) {
-   EXPECT_FALSE( none );
-   EXPECT_TRUE( ( NetCHASMCheckParams{ "", "", "80" } ) );
 }
 
 } // namespace

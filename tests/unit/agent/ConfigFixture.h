@@ -3,21 +3,15 @@
 #include "HealthMonitor/HmConfigSm.h"
 #include "HealthMonitor/HmQueueRecords.h"
 #include "HealthMonitor/HmUtils.h"
+#include "TestValues.h"
 
 #include <gmock/gmock.h>
 
-#include <cstdio>
 #include <map>
-#include <string>
-#include <vector>
 
 /// The configuration side of the agent under test: its reactors on a clock that stands still, with an engine
 /// that takes commands only when told to and insists that they fit what it has.
 namespace hm::test {
-
-inline IpGenAddr ip( const std::string & text ) {
-   return text.empty() ? IpGenAddr{} : IpGenAddr::fromText( text ).value();
-}
 
 /// What the engine has been told of its hosts.
 class FakeEngine {
@@ -27,17 +21,10 @@ class FakeEngine {
    void executeCommands() {
       while ( const auto element = queue_->pop() ) {
          const auto command = dynamicPtrCast<CmdBase>( element );
-         switch ( command->cmdOp() ) {
-         case CmdOp::init:
-            log.push_back( "init" );
-            break;
-         case CmdOp::reload:
+         if ( const auto change = dynamicPtrCast<CmdDnsAndMark>( command ) ) {
+            execute( *change );
+         } else if ( command->cmdOp() == CmdOp::reload ) {
             log.push_back( "reload" );
-            break;
-         case CmdOp::setTrace:
-            break;
-         case CmdOp::dnsAndMark:
-            execute( *dynamicPtrCast<CmdDnsAndMark>( command ) );
          }
       }
    }
@@ -64,22 +51,16 @@ class FakeEngine {
 
 class ConfigFixture : public testing::Test {
  public:
-   ~ConfigFixture() override { stopAgent(); }
+   ~ConfigFixture() override {
+      if ( configSm ) {
+         removeFiles( *configSm->netChasmInfoSm() );
+      }
+   }
 
    void startAgent() {
       configSm = configSmFactory( probeConfig, serverConfig, serverStatus, sslStatus, scheduler, commonData,
             cmdQueue, [this]( int increment ) { return nice( increment ); } );
       configSm->notificationsEnabledIs( true );
-   }
-   void stopAgent() {
-      if ( configSm ) {
-         for ( const auto & files : { configSm->netChasmInfoSm()->workingCfg(),
-                     configSm->netChasmInfoSm()->getNetChasmConfig() } ) {
-            std::remove( files->masterConfigPath().c_str() );
-            std::remove( files->hostConfigPath().c_str() );
-         }
-      }
-      configSm = nullptr;
    }
    /// Until all configuration has reached the engine.
    void runUntilIdle() {
@@ -89,7 +70,7 @@ class ConfigFixture : public testing::Test {
          clock.advance( NetCHASMInfoSm::defaultTaskInterval );
       } while ( scheduler->runSlice() );
    }
-   virtual int nice( int increment ) { return processNice += increment; }
+   virtual int nice( int ) { return 0; }
 
    Ptr<HmState::NexthopGroupConfig> nhg( const NexthopGroupName & name ) {
       return serverConfig->nhgConfigIs( name );
@@ -106,29 +87,13 @@ class ConfigFixture : public testing::Test {
    }
 
    const BacklogInfo & backlog() const { return *configSm->backlogInfo(); }
-   Ptr<HostGrpCfg> group( const std::string & name ) const {
-      return configSm->netChasmInfo()->hostConfig()->hostGrpCfg( name );
+   Ptr<HostGrpCfg> webGroup() const {
+      return configSm->netChasmInfo()->hostConfig()->hostGrpCfg( "web-http" );
    }
-   std::vector<std::string> hosts( const NexthopGroupName & name, ProbeType type ) const {
-      std::vector<std::string> names;
-      if ( const auto list = configSm->netChasmInfo()->nhgHostList( { name, type } ) ) {
-         for ( const auto & item : list->hostListItems() ) {
-            names.push_back( item.key );
-         }
-      }
-      return names;
-   }
-   bool published( const NexthopGroupName & name, const char * server ) const {
-      const auto status = serverStatus->nhgProbeStatus( name );
-      return status && status->serverProbeStatusHas( ip( server ) );
-   }
-   std::uint32_t mark( const char * server ) const {
+   /// A server's mark and how many hold it.
+   std::pair<std::uint32_t, std::uint32_t> mark( const char * server ) const {
       const auto serverMark = commonData->serverIpToMark( ip( server ) );
-      return serverMark ? serverMark->mark() : 0;
-   }
-   std::uint32_t markReferences( const char * server ) const {
-      const auto serverMark = commonData->serverIpToMark( ip( server ) );
-      return serverMark ? serverMark->refCount() : 0;
+      return { serverMark ? serverMark->mark() : 0, serverMark ? serverMark->refCount() : 0 };
    }
 
    ManualClock clock;
@@ -136,7 +101,6 @@ class ConfigFixture : public testing::Test {
    Ptr<TaskScheduler> scheduler = new TaskScheduler( loop, clock );
    Ptr<EventMpmcQueue> cmdQueue = new EventMpmcQueue( 0, new FifoEvent( loop ), nullptr, true );
    FakeEngine engine{ cmdQueue };
-   int processNice = 0;
 
    Ptr<HmState::ProbeConfig> probeConfig = new HmState::ProbeConfig();
    Ptr<HmState::ServerConfig> serverConfig = new HmState::ServerConfig();

@@ -10,23 +10,19 @@ namespace {
 /// configuration alone asks for, each time a backlog pass has come to its end.
 class HostModel : public ConfigFixture {
  public:
-   struct Publication {
-      HostGroupKey group;
-      IpGenAddr serverIp;
-      std::string host; // as the engine's
-   };
+   /// Each host as the engine calls it, and its server.
+   using Publications = std::map<std::string, IpGenAddr>;
 
    void verify() {
       const auto & model = *configSm->netChasmInfo();
       std::map<std::string, std::set<std::string>> groups;
-      std::map<std::string, Publication> publications;
-      std::set<std::string> hostNames;
-      std::set<NexthopGroupName> nhgs;
+      Publications publications;
+      std::size_t monitoredGroups = 0;
       for ( const auto & [name, config] : serverConfig->nhgConfigItems() ) {
          const auto settings = Ptr<const HmState::ProbeConfig>( probeConfig )->nhgProbeConfig( name );
          const bool monitored = probeConfig->monitoringEnabled() && !( settings && settings->disabled() );
          if ( monitored && config->serverIpCount() > 0 ) {
-            nhgs.insert( name );
+            ++monitoredGroups;
             verifyPublishedStatus( name, *config );
          }
          for ( const auto type : { ProbeType::http, ProbeType::tcp } ) {
@@ -40,22 +36,17 @@ class HostModel : public ConfigFixture {
             for ( const auto & server : config->serverIpItems() ) {
                const auto hostIp = settings && !settings->vip().empty() ? settings->vip() : server.key;
                const auto hostName = hostNameFromNhgAndServerIp( name, type, server.key );
-               const auto host = fmt::format( "{} at {}", hostName, hostIp );
                groups[hostGroupNameFromNhgAndProbeType( name, type )].insert( hostName );
-               hostNames.insert( hostName );
-               publications[host] = { { name, type }, server.key, host };
+               publications[fmt::format( "{} at {}", hostName, hostIp )] = server.key;
                EXPECT_EQ( commonData->hostNameToIpNhgPair( hostName ), ( IpNhgPair{ name, server.key } ) );
-               const auto record = configSm->backlogSm()->currNhgServerCfg( { name, type } );
-               ASSERT_TRUE( record );
-               EXPECT_EQ( ( *record )->serverIpToHostIp( server.key ), hostIp );
             }
          }
       }
-      EXPECT_EQ( commonData->hostNameToIpNhgPairCount(), hostNames.size() );
-      EXPECT_EQ( serverStatus->nhgProbeStatusCount(), nhgs.size() );
-      EXPECT_EQ( commonData->httpProbeStatusCount(), nhgs.size() );
-      EXPECT_EQ( commonData->tcpProbeStatusCount(), nhgs.size() );
-      EXPECT_EQ( commonData->probeCountersCount(), nhgs.size() );
+      EXPECT_EQ( commonData->hostNameToIpNhgPairCount(), publications.size() );
+      for ( const auto count : { serverStatus->nhgProbeStatusCount(), commonData->httpProbeStatusCount(),
+                  commonData->tcpProbeStatusCount(), commonData->probeCountersCount() } ) {
+         EXPECT_EQ( count, monitoredGroups );
+      }
 
       std::map<std::string, std::set<std::string>> modelled;
       for ( const auto & [key, list] : model.nhgHostListItems() ) {
@@ -66,13 +57,6 @@ class HostModel : public ConfigFixture {
       }
       EXPECT_EQ( modelled, groups );
       EXPECT_EQ( model.hostConfig()->hostGrpCfgCount(), groups.size() );
-      std::size_t records = 0;
-      for ( const auto & [key, record] : configSm->backlogSm()->currNhgServerCfgItems() ) {
-         for ( const auto & item : record->serverIpToHostIpItems() ) {
-            records += item.value.empty() ? 0 : 1;
-         }
-      }
-      EXPECT_EQ( records, publications.size() );
       EXPECT_EQ( configSm->backlogSm()->currNhgServerCfgCount(), groups.size() );
       verifyMarks( publications );
    }
@@ -109,7 +93,7 @@ class HostModel : public ConfigFixture {
 
    /// What the engine will have once the pending commands are executed is every publication, each with its
    /// server's mark, and each one reference; only without free marks may some be missing.
-   void verifyMarks( const std::map<std::string, Publication> & publications ) {
+   void verifyMarks( const Publications & publications ) {
       auto told = engine.marks;
       for ( const auto & [key, command] : configSm->netChasmInfo()->updateCmdInfoItems() ) {
          const auto host = fmt::format( "{} at {}",
@@ -121,7 +105,7 @@ class HostModel : public ConfigFixture {
       for ( const auto & [host, mark] : told ) {
          const auto publication = publications.find( host );
          ASSERT_TRUE( publication != publications.end() ) << host;
-         const auto & serverIp = publication->second.serverIp;
+         const auto & serverIp = publication->second;
          ++references[serverIp];
          ASSERT_TRUE( commonData->serverIpToMarkHas( serverIp ) ) << host;
          EXPECT_EQ( commonData->serverIpToMark( serverIp )->mark(), mark ) << host;
@@ -169,69 +153,63 @@ class HostModel : public ConfigFixture {
       return std::uniform_int_distribution<std::size_t>( 0, below - 1 )( rng );
    }
 
-   // One at a time: each has to be noticed by itself.
-   void changeTimers( const NexthopGroupName & name ) {
-      switch ( random( 4 ) ) {
-      case 0:
-         probe( name )->probeIntervalIs( oneOf( { Seconds{ 5 }, Seconds{ 5.5 }, Seconds{ 7 } } ) );
-         break;
-      case 1:
-         probe( name )->timeoutIs( oneOf( { 1u, 10u } ) );
-         break;
-      case 2:
-         probe( name )->retryDelayIs( oneOf( { 0u, 4u } ) );
-         break;
-      default:
-         probe( name )->retryCountIs( oneOf<std::uint16_t>( { 0, 3 } ) );
-      }
-   }
-
    void changeConfiguration() {
       const NexthopGroupName name = oneOf( { "a", "b", "c" } );
-      switch ( random( 18 ) ) {
-      case 0:
-         probeConfig->monitoringEnabledIs( random( 4 ) != 0 );
-         break;
-      case 1:
-         probe( name )->httpUrlIs(
-               oneOf( { "", "http://h/a", "https://h:8443/", "no url", "http://h/b?q" } ) );
-         break;
-      case 2:
-         probe( name )->tcpUrlIs( oneOf( { "", "tcp://h:80", "tcp://[::1]:443", "tcp://h", "tcp://h:x" } ) );
-         break;
-      case 3:
-      case 4:
-         probe( name )->vipIs( ip( oneOf( { "", "192.0.2.1", "192.0.2.2" } ) ) );
-         break;
-      case 5:
-         probe( name )->disabledIs( random( 3 ) == 0 );
-         break;
-      case 6:
-         probe( name )->sslProfileIs( oneOf( { "", "corp", "missing" } ) );
-         break;
-      case 7:
-         changeTimers( name );
-         break;
-      case 8:
-         probeConfig->nhgProbeConfigDel( name );
-         break;
-      case 9:
-         serverConfig->nhgConfigDel( name );
-         break;
-      case 10:
-         probeConfig->globalUrlIs( oneOf( { "", "http://g/", "https://g/" } ) );
-         probeConfig->sslProfileIs( oneOf( { "", "corp" } ) );
-         break;
-      case 11:
-         probeConfig->probeIntervalIs( oneOf( { Seconds{ 3 }, Seconds{ 9 } } ) );
-         serverStatus->probeSrcIpIs( ip( oneOf( { "", "10.0.0.1" } ) ) );
-         serverStatus->probeSrcIp6Is( ip( oneOf( { "", "2001:db8::1" } ) ) );
-         break;
-      default:
+      if ( random( 3 ) == 0 ) {
          const auto server = ip( oneOf( { "10.1.1.1", "10.1.1.2", "10.1.1.3", "10.1.1.4", "2001:db8::5",
                "2001:db8::6", "2001:db8::7" } ) );
          random( 5 ) < 3 ? nhg( name )->serverIpIs( server ) : nhg( name )->serverIpDel( server );
+         return;
       }
+      // One at a time: each has to be noticed by itself.
+      const std::function<void()> changes[] = {
+            [&] { probeConfig->monitoringEnabledIs( random( 4 ) != 0 ); },
+            [&] {
+               probe( name )->httpUrlIs(
+                     oneOf( { "", "http://h/a", "https://h:8443/", "no url", "http://h/b?q" } ) );
+            },
+            [&] {
+               probe( name )->tcpUrlIs(
+                     oneOf( { "", "tcp://h:80", "tcp://[::1]:443", "tcp://h", "tcp://h:x" } ) );
+            },
+            [&] {
+               probe( name )->vipIs( ip( oneOf( { "", "192.0.2.1", "192.0.2.2" } ) ) );
+            },
+            [&] { probe( name )->disabledIs( random( 3 ) == 0 ); },
+            [&] {
+               probe( name )->sslProfileIs( oneOf( { "", "corp", "missing" } ) );
+            },
+            [&] {
+               probe( name )->probeIntervalIs( Seconds{ oneOf( { 5., 5.5, 7. } ) } );
+            },
+            [&] {
+               probe( name )->timeoutIs( oneOf( { 1u, 10u } ) );
+            },
+            [&] {
+               probe( name )->retryDelayIs( oneOf( { 0u, 4u } ) );
+            },
+            [&] {
+               probe( name )->retryCountIs( oneOf<std::uint16_t>( { 0, 3 } ) );
+            },
+            [&] { probeConfig->nhgProbeConfigDel( name ); },
+            [&] { serverConfig->nhgConfigDel( name ); },
+            [&] {
+               probeConfig->globalUrlIs( oneOf( { "", "http://g/", "https://g/" } ) );
+            },
+            [&] {
+               probeConfig->sslProfileIs( oneOf( { "", "corp" } ) );
+            },
+            [&] {
+               probeConfig->probeIntervalIs( Seconds{ oneOf( { 3., 9. } ) } );
+            },
+            [&] {
+               serverStatus->probeSrcIpIs( ip( oneOf( { "", "10.0.0.1" } ) ) );
+            },
+            [&] {
+               serverStatus->probeSrcIp6Is( ip( oneOf( { "", "2001:db8::1" } ) ) );
+            },
+      };
+      changes[random( std::size( changes ) )]();
    }
 
    std::mt19937 rng;

@@ -6,11 +6,6 @@ namespace {
 
 class InvariantsDeathTest : public ConfigFixture {
  public:
-   struct Row {
-      const char * message;
-      std::function<void()> breakIt;
-   };
-
    InvariantsDeathTest() {
       probeConfig->monitoringEnabledIs( true );
       serverStatus->probeSrcIp6Is( ip( "2001:db8::1" ) );
@@ -18,11 +13,6 @@ class InvariantsDeathTest : public ConfigFixture {
       nhg( "web" )->serverIpIs( server );
       startAgent();
       runUntilIdle();
-   }
-   static void expectDeaths( const std::vector<Row> & rows ) {
-      for ( const auto & row : rows ) {
-         EXPECT_DEATH( row.breakIt(), testing::HasSubstr( row.message ) ) << row.message;
-      }
    }
 
    const IpGenAddr server = ip( "2001:db8::2" );
@@ -55,7 +45,7 @@ TEST_F( InvariantsDeathTest, HostGroupIsWhatItsConfigurationMakesOfIt ) {
    };
    const auto groupWith = [this, verify]( auto change ) {
       return [=, this] {
-         change( *group( "web-http" ) );
+         change( *webGroup() );
          verify( {} );
       };
    };
@@ -84,47 +74,39 @@ TEST_F( InvariantsDeathTest, HostGroupIsWhatItsConfigurationMakesOfIt ) {
 }
 
 TEST_F( InvariantsDeathTest, PublishedStateComesAndGoesAsOne ) {
-   const auto dropStatus = [this] { configSm->deleteProbeStatus( "web", server ); };
-   const auto dropCounters = [this] { configSm->deleteProbeCounter( "web", server ); };
+   const auto drop = [this]( const NexthopGroupName & name, const IpGenAddr & serverIp ) {
+      return [=, this] { configSm->deleteProbeStatus( name, serverIp ); };
+   };
+   const auto dropCounters = [this]( const NexthopGroupName & name, const IpGenAddr & serverIp ) {
+      return [=, this] { configSm->deleteProbeCounter( name, serverIp ); };
+   };
+   const auto missing = []( auto removeIt, auto thenDrop ) {
+      return [=] {
+         removeIt();
+         thenDrop();
+      };
+   };
+   const auto withoutCounters = [&]( ProbeType type ) {
+      return missing(
+            [=, this] {
+               commonData->probeCounters( "web" )->serverIp( server )->probeTypeCountersDel( type );
+            },
+            dropCounters( "web", server ) );
+   };
    expectDeaths( {
-         { "nhgProbeStatus missing for x", [&] { configSm->deleteProbeStatus( "x", server ); } },
-         { "probeStatus missing for 10.9.9.9 in web",
-               [&] { configSm->deleteProbeStatus( "web", stranger ); } },
+         { "nhgProbeStatus missing for x", drop( "x", server ) },
+         { "probeStatus missing for 10.9.9.9 in web", drop( "web", stranger ) },
          { "HTTP probe status cache missing for web",
-               [&] {
-                  commonData->httpProbeStatusDel( "web" );
-                  dropStatus();
-               } },
+               missing( [&] { commonData->httpProbeStatusDel( "web" ); }, drop( "web", server ) ) },
          { "HTTP probe status cache missing for 2001:db8::2 in web",
-               [&] {
-                  commonData->httpProbeStatus( "web" )->serverProbeStatusDel( server );
-                  dropStatus();
-               } },
+               missing( [&] { commonData->httpProbeStatus( "web" )->serverProbeStatusDel( server ); },
+                     drop( "web", server ) ) },
          { "TCP probe status cache missing for web",
-               [&] {
-                  commonData->tcpProbeStatusDel( "web" );
-                  dropStatus();
-               } },
-         { "TCP probe status cache missing for 2001:db8::2 in web",
-               [&] {
-                  commonData->tcpProbeStatus( "web" )->serverProbeStatusDel( server );
-                  dropStatus();
-               } },
-         { "probeCounters missing for x", [&] { configSm->deleteProbeCounter( "x", server ); } },
-         { "probeCounters missing for 10.9.9.9 in web",
-               [&] { configSm->deleteProbeCounter( "web", stranger ); } },
-         { "http probeCounters missing for 2001:db8::2 in web",
-               [&] {
-                  commonData->probeCounters( "web" )->serverIp( server )->probeTypeCountersDel(
-                        ProbeType::http );
-                  dropCounters();
-               } },
-         { "tcp probeCounters missing for 2001:db8::2 in web",
-               [&] {
-                  commonData->probeCounters( "web" )->serverIp( server )->probeTypeCountersDel(
-                        ProbeType::tcp );
-                  dropCounters();
-               } },
+               missing( [&] { commonData->tcpProbeStatusDel( "web" ); }, drop( "web", server ) ) },
+         { "probeCounters missing for x", dropCounters( "x", server ) },
+         { "probeCounters missing for 10.9.9.9 in web", dropCounters( "web", stranger ) },
+         { "http probeCounters missing for 2001:db8::2 in web", withoutCounters( ProbeType::http ) },
+         { "tcp probeCounters missing for 2001:db8::2 in web", withoutCounters( ProbeType::tcp ) },
    } );
 }
 
@@ -134,7 +116,7 @@ TEST_F( InvariantsDeathTest, BacklogAsksOnlyForWhatIsConfiguredInItsOwnPhase ) {
       return [&sm, this, type, params] { sm.populateHostConfig( "web", type, server, params, false, true ); };
    };
    const auto queueAdd = [this]( const NexthopGroupName & name, const IpGenAddr & serverIp ) {
-      return [this, name, serverIp] {
+      return [=, this] {
          configSm->backlogInfo()->nhgServerBacklogIs( { name, serverIp }, true );
          configSm->maybeScheduleBacklogTask();
          runUntilIdle();

@@ -1,5 +1,5 @@
 // The commands that an operator begins with: the table of all states, and a check of one server now.
-#include "tests/unit/agent/CliFixture.h"
+#include "tests/unit/agent/AgentFixture.h"
 
 #include <regex>
 
@@ -10,11 +10,6 @@ namespace {
 
 class OperatorCliTest : public CliFixture {
  protected:
-   /// The table, without the times that a wall clock gives.
-   std::string status( const std::string & command = "status" ) {
-      return std::regex_replace(
-            show( command ), std::regex( R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)" ), "YYYY-MM-DD HH:MM:SS" );
-   }
    std::string refusal( const std::string & command ) {
       const auto run = this->run( command );
       run->step();
@@ -34,7 +29,8 @@ TEST_F( OperatorCliTest, StatusSaysWhatIsPublishedAndWhy ) {
    result( "http/web/10.1.1.1", true, 10 );
    result( "tcp/web/10.1.1.1", true, 10 );
    result( "tcp/web/10.1.1.1", false, 11 );
-   EXPECT_EQ( "\n" + status(), R"(
+   const std::regex time( R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)" );
+   EXPECT_EQ( "\n" + std::regex_replace( show( "status" ), time, "YYYY-MM-DD HH:MM:SS" ), R"(
 Nexthop Group     VIP        Server          State    HTTP     TCP      Since               Last Check                   Response
 -------------     ---        --------------- -------- -------- -------- ------------------- ---------------------------- --------
 database-replicas            10.2.0.1        down     -        down     -                   -                            -
@@ -42,8 +38,8 @@ größe 中 'x'                 10.3.0.1        down     down     -        -    
 web               192.0.2.10 10.1.1.1        down     up       down     YYYY-MM-DD HH:MM:SS connection refused           12 ms
 web               192.0.2.10 10.1.1.20       down     down     down     -                   -                            -
 )" );
-   EXPECT_EQ( std::ranges::count( status( "status web" ), '\n' ), 4 );
-   EXPECT_EQ( std::ranges::count( status( "status größe 中 'x'" ), '\n' ), 3 );
+   EXPECT_EQ( std::ranges::count( show( "status web" ), '\n' ), 4 );
+   EXPECT_EQ( std::ranges::count( show( "status größe 中 'x'" ), '\n' ), 3 );
    EXPECT_EQ( refusal( "status nobody" ), "no nexthop group \"nobody\" is monitored" );
    EXPECT_EQ( refusal( "status " ), "no nexthop group \"\" is monitored" );
 
@@ -55,20 +51,18 @@ web               192.0.2.10 10.1.1.20       down     down     down     -       
    EXPECT_EQ( server["probeType"]["tcp"]["lastReason"], "connection refused" );
    EXPECT_GT( server["since"].get<std::uint64_t>(), 1'700'000'000'000u );
    // A state that stays is not since now.
-   const auto published =
-         agent_->hmServerStatus()->nhgProbeStatus( "web" )->serverProbeStatus( ip( "10.1.1.1" ) );
-   published->sinceIs( 5 );
+   const auto status = published( "web", "10.1.1.1" );
+   status->sinceIs( 5 );
    result( "tcp/web/10.1.1.1", false, 12 );
-   EXPECT_EQ( published->since(), 5u );
+   EXPECT_EQ( status->since(), 5u );
    result( "tcp/web/10.1.1.1", true, 13 );
-   EXPECT_GT( published->since(), 5u );
+   EXPECT_GT( status->since(), 5u );
 }
 
 TEST_F( OperatorCliTest, ALongTableIsPrintedOnceWhateverChangesMeanwhile ) {
    for ( int i = 0; i < 300; ++i ) {
-      const auto config = serverConfig_->nhgConfigIs( fmt::format( "group{:03}", i % 3 ) );
-      config->serverIpIs( ip( fmt::format( "10.1.{}.{}", i / 200, i % 200 + 1 ) ) );
-      probeConfig_->nhgProbeConfigIs( fmt::format( "group{:03}", i % 3 ) )->httpUrlIs( "http://h/" );
+      group( fmt::format( "group{:03}", i % 3 ), "http://h/", "",
+            { fmt::format( "10.1.{}.{}", i / 200, i % 200 + 1 ) } );
    }
    group( "with the longest name of all", "http://h/", "", { "2001:db8::1" } );
    settle();
@@ -77,9 +71,8 @@ TEST_F( OperatorCliTest, ALongTableIsPrintedOnceWhateverChangesMeanwhile ) {
    slicesAreShort();
    EXPECT_EQ( show( "status" ), whole );
    EXPECT_GT( slices_, 303 );
-   int slice = 0;
-   const auto cut = show( "status", CliFormat::json, [&] {
-      if ( ++slice == 150 ) {
+   const auto cut = show( "status", CliFormat::json, [&]( int slice ) {
+      if ( slice == 150 ) {
          groupDel( "group001" );
          settle();
       }
@@ -93,9 +86,7 @@ TEST_F( OperatorCliTest, ProbeShowsPhasesAndWhatTheRulesSay ) {
    probeConfig_->responsePayloadRule()->patternIs( "drain" );
    probeConfig_->responsePayloadRule()->actionIs( HmState::ruleActionShutdown );
    settle();
-   const auto before =
-         agent_->hmServerStatus()->nhgProbeStatus( "web" )->serverProbeStatus( ip( "10.1.1.1" ) );
-   for ( const auto format : { CliFormat::text, CliFormat::json } ) {
+   const auto probed = [&]( CliFormat format ) {
       const auto probe = run( "probe web 10.1.1.1", format );
       probe->step();
       EXPECT_FALSE( probe->finished() );
@@ -114,47 +105,41 @@ TEST_F( OperatorCliTest, ProbeShowsPhasesAndWhatTheRulesSay ) {
       probe->step();
       probe->step();
       EXPECT_TRUE( probe->finished() );
-      const auto text = reader_.read();
-      if ( format == CliFormat::text ) {
-         EXPECT_EQ( "\n" + text, "\n"
-                                 "http://192.0.2.10/health\n"
-                                 "   Address:      10.1.1.1\n"
-                                 "   Result:       answered\n"
-                                 "   Connect:      0.400 ms\n"
-                                 "   First byte:   12.345 ms\n"
-                                 "   Total:        12.400 ms\n"
-                                 "   Status:       200\n"
-                                 "   Body:         \"drain\\x0a\xff" +
-                                       std::string( 57, 'x' ) +
-                                       "\" and 43 bytes more\n"
-                                       "   Payload rule: matches: shutdown\n"
-                                       "   Code rule:    does not match\n" );
-      } else {
-         const auto web = Json::parse( text )["hmProbe"]["http"];
-         EXPECT_EQ( web["firstByteUs"], 12'345 );
-         EXPECT_EQ( web["bodyBytes"], 107 );
-         EXPECT_EQ( web["payloadRule"], "matches: shutdown" );
-      }
-   }
-   EXPECT_EQ( before->adminState(), HmState::ServerAdminState::enabled );
-   EXPECT_EQ( before->since(), 0u );
+      return reader_.read();
+   };
+   EXPECT_EQ( probed( CliFormat::text ), "http://192.0.2.10/health\n"
+                                         "   Address:      10.1.1.1\n"
+                                         "   Result:       answered\n"
+                                         "   Connect:      0.400 ms\n"
+                                         "   First byte:   12.345 ms\n"
+                                         "   Total:        12.400 ms\n"
+                                         "   Status:       200\n"
+                                         "   Body:         \"drain\\x0a\xff" +
+                                               std::string( 57, 'x' ) +
+                                               "\" and 43 bytes more\n"
+                                               "   Payload rule: matches: shutdown\n"
+                                               "   Code rule:    does not match\n" );
+   const auto web = Json::parse( probed( CliFormat::json ) )["hmProbe"]["http"];
+   EXPECT_EQ( web["firstByteUs"], 12'345 );
+   EXPECT_EQ( web["bodyBytes"], 107 );
+   EXPECT_EQ( web["payloadRule"], "matches: shutdown" );
+   // The operator's check is not one of those that count.
+   EXPECT_EQ( published( "web", "10.1.1.1" )->adminState(), HmState::ServerAdminState::enabled );
+   EXPECT_EQ( published( "web", "10.1.1.1" )->since(), 0u );
 }
 
 TEST_F( OperatorCliTest, ProbeIsRefusedForWhatThereIsNot ) {
    group( "web", "http://h/", "", { "10.1.1.1" } );
    settle();
-   const struct {
-      const char * command;
-      const char * why;
-   } rows[] = {
+   const std::pair<const char *, const char *> rows[] = {
          { "probe", "usage: probe NHG SERVER" },
          { "probe web", "usage: probe NHG SERVER" },
          { "probe web 10.1.1", "\"10.1.1\" is not an IP address" },
          { "probe no such 10.1.1.1", "no nexthop group \"no such\" is monitored" },
          { "probe web 10.1.1.2", "nexthop group \"web\" has no server 10.1.1.2" },
    };
-   for ( const auto & row : rows ) {
-      EXPECT_EQ( refusal( row.command ), row.why ) << row.command;
+   for ( const auto & [command, why] : rows ) {
+      EXPECT_EQ( refusal( command ), why ) << command;
    }
    RecordingEngine::refuse( "probe" );
    EXPECT_EQ( refusal( "probe web 10.1.1.1" ), "the check engine does not know this server yet" );
@@ -166,16 +151,16 @@ TEST_F( OperatorCliTest, PacketsAreShownByWhatBecameOfThem ) {
    data.encapDropCntInc( 3 );
    data.packetCounters().inc( PacketCount::encapsulatedIpv6 );
    data.packetCounters().inc( PacketCount::verdictFailed );
-   const auto text = show( "show health-monitor packets" );
-   EXPECT_TRUE( text.starts_with( "Received:                              7\n"
-                                  "Encapsulated, IPv4:                    0\n"
-                                  "Encapsulated, IPv6:                    1\n" ) )
-         << text;
-   EXPECT_THAT( text, testing::EndsWith( "Verdicts not taken:                    1\n"
-                                         "Encapsulation drops together:          3\n"
-                                         "Kernel, waiting for a verdict:         0\n"
-                                         "Kernel, dropped for a full queue:      0\n"
-                                         "Kernel, dropped for a full buffer:     0\n" ) );
+   EXPECT_THAT( show( "show health-monitor packets" ),
+         testing::MatchesRegex( "Received:                              7\n"
+                                "Encapsulated, IPv4:                    0\n"
+                                "Encapsulated, IPv6:                    1\n"
+                                "(.*\n)*"
+                                "Verdicts not taken:                    1\n"
+                                "Encapsulation drops together:          3\n"
+                                "Kernel, waiting for a verdict:         0\n"
+                                "Kernel, dropped for a full queue:      0\n"
+                                "Kernel, dropped for a full buffer:     0\n" ) );
    const auto packets = showJson( "show health-monitor packets" )["hmPackets"];
    EXPECT_EQ( packets["received"], 7 );
    EXPECT_EQ( packets["kernelUserDropped"], 0 );

@@ -1,6 +1,6 @@
 // How late checks start, from the engine's histogram to the operator.
 #include "HealthMonitor/HmUtils.h"
-#include "tests/unit/agent/CliFixture.h"
+#include "tests/unit/agent/AgentFixture.h"
 
 using namespace hm;
 using namespace hm::test;
@@ -8,54 +8,49 @@ using namespace hm::test;
 namespace {
 
 using Histogram = std::vector<unsigned long>;
-
-/// The ranges as "LABEL COUNT" one after another.
-std::string ranges( const Histogram & histogram, std::uint32_t interval ) {
-   std::vector<std::string> labels;
-   std::vector<std::uint64_t> counts;
-   calculateProbeDelayRanges( labels, counts, histogram, interval );
-   std::string text;
-   for ( std::size_t i = 0; i < labels.size(); ++i ) {
-      text += fmt::format( "{}{} {}", i == 0 ? "" : ", ", labels[i], counts[i] );
-   }
-   return text;
-}
+constexpr const char * delay = "show health-monitor probe delay";
 
 class ProbeDelayTest : public CliFixture {
  protected:
-   ProbeDelayTest() { EXPECT_TRUE( RecordingEngine::waitForCalls( 3 ) ); } // the engine is there
+   ProbeDelayTest() {
+      EXPECT_TRUE( RecordingEngine::waitForCalls( 3 ) ); // the engine is there
+      agent_->hmCommonData()->probeIntervalIs( 5 );
+   }
 };
 
 } // namespace
 
-TEST( ProbeDelayRanges, AreScaledToTheInterval ) {
+TEST( ProbeDelayRanges, AreScaledToTheIntervalAndStayWithinTheHistogram ) {
    const Histogram ones( 121, 1 );
    const struct {
+      Histogram histogram;
       std::uint32_t interval;
       const char * expected;
    } rows[] = {
-         { 1, "(0,1] 1, (1,2] 1, (2,3] 1, (3,4] 1, (4,+∞] 117" },
-         { 5, "(0,1] 1, (1,2] 1, (2,5] 3, (5,10] 5, (10,15] 5, (15,20] 5, (20,+∞] 101" },
-         { 30, "(0,1] 1, (1,3] 2, (3,7] 4, (7,15] 8, (15,30] 15, (30,60] 30, (60,90] 30, (90,119] 29, "
+         { ones, 1, "(0,1] 1, (1,2] 1, (2,3] 1, (3,4] 1, (4,+∞] 117" },
+         { ones, 5, "(0,1] 1, (1,2] 1, (2,5] 3, (5,10] 5, (10,15] 5, (15,20] 5, (20,+∞] 101" },
+         { ones, 30,
+               "(0,1] 1, (1,3] 2, (3,7] 4, (7,15] 8, (15,30] 15, (30,60] 30, (60,90] 30, (90,119] 29, "
                "(119,+∞] 2" },
-         { 0, "(0,1] 1, (1,+∞] 120" },
-         { 86'400, "(0,1] 1, (1,119] 118, (119,+∞] 2" },
-         { 4'294'967'295, "(0,1] 1, (1,119] 118, (119,+∞] 2" },
+         { ones, 0, "(0,1] 1, (1,+∞] 120" },
+         { ones, 4'294'967'295, "(0,1] 1, (1,119] 118, (119,+∞] 2" },
+         { { 0, 0, 7, 0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0 }, 5, "(2,5] 7, (5,10] 9" },
+         { {}, 5, "" },
+         { { 1 }, 5, "(0,1] 1" },
+         { { 1, 2 }, 5, "(0,1] 1, (1,+∞] 2" },
+         { { 1, 2, 3 }, 5, "(0,1] 1, (1,+∞] 5" },
+         { { 1, 2, 3, 4 }, 5, "(0,1] 1, (1,2] 2, (2,+∞] 7" },
    };
    for ( const auto & row : rows ) {
-      EXPECT_EQ( ranges( ones, row.interval ), row.expected ) << row.interval;
+      std::vector<std::string> labels;
+      std::vector<std::uint64_t> counts;
+      calculateProbeDelayRanges( labels, counts, row.histogram, row.interval );
+      std::string text;
+      for ( std::size_t i = 0; i < labels.size(); ++i ) {
+         text += fmt::format( "{}{} {}", i == 0 ? "" : ", ", labels[i], counts[i] );
+      }
+      EXPECT_EQ( text, row.expected ) << row.interval;
    }
-}
-
-TEST( ProbeDelayRanges, LeaveOutWhatIsEmptyAndStayWithinTheHistogram ) {
-   EXPECT_EQ( ranges( { 0, 0, 7, 0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0 }, 5 ),
-         "(2,5] 7, (5,10] 9" );
-   EXPECT_EQ( ranges( {}, 5 ), "" );
-   EXPECT_EQ( ranges( { 1 }, 5 ), "(0,1] 1" );
-   EXPECT_EQ( ranges( { 1, 2 }, 5 ), "(0,1] 1, (1,+∞] 2" );
-   EXPECT_EQ( ranges( { 1, 2, 3 }, 5 ), "(0,1] 1, (1,+∞] 5" );
-   EXPECT_EQ( ranges( { 1, 2, 3, 4 }, 5 ), "(0,1] 1, (1,2] 2, (2,+∞] 7" );
-   EXPECT_EQ( ranges( Histogram( 121 ), 5 ), "" );
 }
 
 TEST_F( ProbeDelayTest, TextShowsRangesAndJsonEverySecond ) {
@@ -63,13 +58,7 @@ TEST_F( ProbeDelayTest, TextShowsRangesAndJsonEverySecond ) {
    histogram[0] = 40;
    histogram[2] = 10;
    RecordingEngine::probeDelaysAre( histogram );
-   agent_->hmCommonData()->probeIntervalIs( 5 );
-   EXPECT_EQ( show( "show health-monitor probe delay" ),
-         "Delay Range ( in seconds ) Probes Percentage of Probes\n"
-         "-------------------------- ------ --------------------\n"
-         "(0,1]                      40     80.00%\n"
-         "(2,5]                      10     20.00%\n" );
-   const auto document = showJson( "show health-monitor probe delay" )["intervals"];
+   const auto document = showJson( delay )["intervals"];
    EXPECT_EQ( document.size(), 121u );
    EXPECT_EQ( document["1"].dump(), R"({"numProbes":40,"percentProbes":80})" );
    EXPECT_EQ( document["3"].dump(), R"({"numProbes":10,"percentProbes":20})" );
@@ -78,30 +67,25 @@ TEST_F( ProbeDelayTest, TextShowsRangesAndJsonEverySecond ) {
 
    histogram[119] = 123'456'789;
    RecordingEngine::probeDelaysAre( histogram );
-   EXPECT_EQ( show( "show health-monitor probe delay interval 30" ),
-         "Delay Range ( in seconds ) Probes    Percentage of Probes\n"
-         "-------------------------- ------    --------------------\n"
-         "(0,1]                      40        0.00%\n"
-         "(1,3]                      10        0.00%\n"
-         "(119,+∞]                   123456789 100.00%\n" );
+   EXPECT_EQ( show( delay ), "Delay Range ( in seconds ) Probes    Percentage of Probes\n"
+                             "-------------------------- ------    --------------------\n"
+                             "(0,1]                      40        0.00%\n"
+                             "(2,5]                      10        0.00%\n"
+                             "(20,+∞]                    123456789 100.00%\n" );
 
    run( "clear health-monitor probe delay" );
    EXPECT_TRUE( RecordingEngine::waitForCall( "clearProbeDelay" ) );
-   EXPECT_EQ( std::ranges::count( show( "show health-monitor probe delay" ), '\n' ), 2 );
-   EXPECT_EQ( showJson( "show health-monitor probe delay" )["intervals"]["greater than 120"].dump(),
-         R"({"numProbes":0,"percentProbes":0})" );
+   EXPECT_EQ( std::ranges::count( show( delay ), '\n' ), 2 );
+   EXPECT_EQ(
+         showJson( delay )["intervals"]["greater than 120"].dump(), R"({"numProbes":0,"percentProbes":0})" );
    RecordingEngine::probeDelaysAre( { 3 } );
-   EXPECT_EQ( showJson( "show health-monitor probe delay" ).dump(),
+   EXPECT_EQ( showJson( delay ).dump(),
          R"({"intervals":{"greater than 0":{"numProbes":3,"percentProbes":100}}})" );
 }
 
 TEST_F( ProbeDelayTest, TheIntervalIsTheNumberInTheCommand ) {
    RecordingEngine::probeDelaysAre( Histogram( 121, 1 ) );
-   agent_->hmCommonData()->probeIntervalIs( 5 );
-   const struct {
-      const char * rest;
-      const char * secondRange;
-   } rows[] = {
+   const std::pair<std::string, const char *> rows[] = {
          { "", "(1,2]" },
          { " interval 0", "(1,2]" },
          { " interval 30", "(1,3]" },
@@ -111,10 +95,8 @@ TEST_F( ProbeDelayTest, TheIntervalIsTheNumberInTheCommand ) {
          { " interval 4294967346", "(1,5]" }, // 2^32 + 50
          { " interval 99999999999999999999999", "(1,119]" },
    };
-   for ( const auto & row : rows ) {
-      EXPECT_THAT( show( "show health-monitor probe delay" + std::string( row.rest ) ),
-            testing::HasSubstr( fmt::format( "\n{} ", row.secondRange ) ) )
-            << row.rest;
+   for ( const auto & [rest, secondRange] : rows ) {
+      EXPECT_THAT( show( delay + rest ), testing::HasSubstr( fmt::format( "\n{} ", secondRange ) ) ) << rest;
    }
 }
 

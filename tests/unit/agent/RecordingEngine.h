@@ -19,8 +19,6 @@ class RecordingEngine {
    static void reset();
    /// Calls that begin with this text return false.
    static void refuse( std::string prefix );
-   /// While held, calls do not return.
-   static void holdIs( bool held );
 
    static std::vector<std::string> calls();
    /// Waits until that many calls were made; false when they do not come.

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <sstream>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 /// The agent's trace as operators read it.
 namespace hm::test {
@@ -29,6 +29,11 @@ inline std::vector<std::string> linesOf( const std::function<void()> & scenario 
       lines.push_back( line );
    }
    return lines;
+}
+
+inline auto countOf( const std::vector<std::string> & lines, const std::string & text ) {
+   return std::ranges::count_if(
+         lines, [&text]( const auto & line ) { return line.find( text ) != std::string::npos; } );
 }
 
 inline void expectLines( const std::vector<std::string> & lines, const std::vector<TraceRow> & rows ) {

@@ -4,63 +4,75 @@
 #include "HealthMonitor/HmQueueRecords.h"
 #include "platform/state/Profile.h"
 #include "tests/unit/agent/RecordingEngine.h"
+#include "tests/unit/agent/TestValues.h"
 #include "tests/unit/CliReader.h"
 
-#include <filesystem>
 #include <map>
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-/// A running agent and an operator who asks it.
 namespace hm::test {
 
 using Json = nlohmann::ordered_json;
 
-class CliFixture : public testing::Test {
+/// An agent host in small: entities, a main loop turned by the test, a clock moved by hand.
+class AgentFixture : public testing::Test {
  protected:
-   CliFixture() {
+   AgentFixture() {
       RecordingEngine::reset();
-      entities_->profileIs( healthMonitorProfile() );
-      agent_->contextIs( { loop_, entities_, scheduler_, &clock_, [this]( const char * name ) {
-                             const auto found = environment_.find( name );
-                             return found == environment_.end() ? nullptr : found->second.c_str();
-                          } } );
-      agent_->doInit();
-      probeConfig_ = at<HmState::ProbeConfig>( "healthMonitor/config/probeConfig" );
-      serverConfig_ = at<HmState::ServerConfig>( "healthMonitor/config/serverConfig" );
-      sslStatus_ = at<Mgmt::Security::Ssl::Status>( "mgmt/security/ssl/status" );
       probeConfig_->monitoringEnabledIs( true );
    }
-   ~CliFixture() override {
-      for ( const auto & files : { infoSm().workingCfg(), infoSm().getNetChasmConfig() } ) {
-         std::filesystem::remove( files->masterConfigPath() );
-         std::filesystem::remove( files->hostConfigPath() );
-      }
-      agent_ = nullptr;
+   ~AgentFixture() override {
+      stop();
       RecordingEngine::reset();
    }
 
+   static Ptr<EntityManager> mounted() {
+      const Ptr<EntityManager> entities = new EntityManager;
+      entities->profileIs( healthMonitorProfile() );
+      return entities;
+   }
    template<class T>
    Ptr<T> at( const std::string & path ) {
       return dynamicPtrCast<T>( entities_->entity( path ) );
    }
-   static IpGenAddr ip( const std::string & text ) { return *IpGenAddr::fromText( text ); }
+
+   void make() {
+      agent_ = new HmAgent( "HmTest" );
+      agent_->contextIs( { loop_, entities_, scheduler_, &clock_, [this]( const char * name ) {
+                             const auto found = environment_.find( name );
+                             return found == environment_.end() ? nullptr : found->second.c_str();
+                          } } );
+   }
+   void start() {
+      make();
+      agent_->doInit();
+   }
+   void stop() {
+      if ( agent_ && agent_->configSm() ) {
+         removeFiles( infoSm() );
+      }
+      agent_ = nullptr;
+   }
    const NetCHASMInfoSm & infoSm() const { return *agent_->configSm()->netChasmInfoSm(); }
 
    void group( const NexthopGroupName & name, const std::string & httpUrl, const std::string & tcpUrl,
-         std::initializer_list<const char *> servers ) {
+         const std::vector<std::string> & servers ) {
       const auto probes = probeConfig_->nhgProbeConfigIs( name );
       probes->httpUrlIs( httpUrl );
       probes->tcpUrlIs( tcpUrl );
       const auto config = serverConfig_->nhgConfigIs( name );
-      for ( const auto * server : servers ) {
+      for ( const auto & server : servers ) {
          config->serverIpIs( ip( server ) );
       }
    }
    void groupDel( const NexthopGroupName & name ) {
       serverConfig_->nhgConfigDel( name );
       probeConfig_->nhgProbeConfigDel( name );
+   }
+   Ptr<HmState::ProbeStatus> published( const NexthopGroupName & name, const char * server ) {
+      return status_->nhgProbeStatus( name )->serverProbeStatus( ip( server ) );
    }
    /// Until all configuration has reached the engine.
    void settle() {
@@ -72,6 +84,30 @@ class CliFixture : public testing::Test {
          clock_.advance( NetCHASMInfoSm::defaultTaskInterval );
       } while ( scheduler_->runSlice() );
    }
+   void takeResults() {
+      loop_->runOnce();
+      scheduler_->runUntilIdle();
+   }
+
+   ManualClock clock_;
+   const Ptr<EventLoop> loop_ = new EventLoop( clock_ );
+   const Ptr<TaskScheduler> scheduler_ = new TaskScheduler( loop_, clock_ );
+   const Ptr<EntityManager> entities_ = mounted();
+   std::map<std::string, std::string> environment_{ { "FLASHLOG_DISABLE", "1" } };
+   const Ptr<HmState::ProbeConfig> probeConfig_ =
+         at<HmState::ProbeConfig>( "healthMonitor/config/probeConfig" );
+   const Ptr<HmState::ServerConfig> serverConfig_ =
+         at<HmState::ServerConfig>( "healthMonitor/config/serverConfig" );
+   const Ptr<HmState::ServerStatus> status_ =
+         at<HmState::ServerStatus>( "healthMonitor/status/serverStatus" );
+   Ptr<HmAgent> agent_;
+};
+
+/// A running agent and an operator who asks it.
+class CliFixture : public AgentFixture {
+ protected:
+   CliFixture() { start(); }
+
    /// One result of the engine, with its running totals.
    void result(
          const std::string & hostName, bool answered, std::uint32_t checks, std::uint16_t weight = 0 ) {
@@ -80,24 +116,23 @@ class CliFixture : public testing::Test {
             new ProbeResult( hostName, answered ? HM_RESPONSE_ANSWERED : HM_RESPONSE_CONNECT_FAILURE, 200, {},
                   answered ? HM_REASON_NONE : HM_REASON_CONNECT_REFUSED, checks, checks - 6, 3, 2, 1, 12,
                   1'700'000'000'123, weight ) );
-      loop_->runOnce();
-      scheduler_->runUntilIdle();
+      takeResults();
    }
 
    Ptr<CommandRun> run( const std::string & command, CliFormat format = CliFormat::text ) {
       return agent_->commandRequestDirectory()->run(
             command, reader_.socket(), static_cast<unsigned>( format ) );
    }
-   /// What `command` prints, `between` being called after each slice.
+   /// What `command` prints, `between` being called with its number after each slice.
    std::string show(
          const std::string & command, CliFormat format = CliFormat::text,
-         const std::function<void()> & between = [] {} ) {
+         const std::function<void( int )> & between = []( int ) {} ) {
       const auto shown = run( command, format );
       std::string all;
-      for ( slices_ = 0; !shown->finished() && slices_ < 100'000; ++slices_ ) {
+      for ( slices_ = 0; !shown->finished() && slices_ < 100'000; ) {
          shown->step();
          all += reader_.read();
-         between();
+         between( ++slices_ );
       }
       EXPECT_TRUE( shown->finished() ) << command;
       for ( auto more = reader_.read(); !more.empty(); more = reader_.read() ) {
@@ -105,13 +140,13 @@ class CliFixture : public testing::Test {
       }
       return all;
    }
+   Json showJson( const std::string & command ) { return Json::parse( show( command, CliFormat::json ) ); }
    /// As short as can be: from now on a slice is over as soon as it asks.
    void slicesAreShort() {
       auto context = agent_->context();
       context.clock = &slowClock_;
       agent_->contextIs( context );
    }
-   Json showJson( const std::string & command ) { return Json::parse( show( command, CliFormat::json ) ); }
 
    struct SlowClock : ManualClock {
       TimePoint now() const override {
@@ -119,17 +154,7 @@ class CliFixture : public testing::Test {
          return ManualClock::now();
       }
    };
-
-   ManualClock clock_;
    SlowClock slowClock_;
-   const Ptr<EventLoop> loop_ = new EventLoop( clock_ );
-   const Ptr<TaskScheduler> scheduler_ = new TaskScheduler( loop_, clock_ );
-   const Ptr<EntityManager> entities_ = new EntityManager;
-   std::map<std::string, std::string> environment_{ { "FLASHLOG_DISABLE", "1" } };
-   Ptr<HmAgent> agent_ = new HmAgent( "HmTest" );
-   Ptr<HmState::ProbeConfig> probeConfig_;
-   Ptr<HmState::ServerConfig> serverConfig_;
-   Ptr<Mgmt::Security::Ssl::Status> sslStatus_;
    CliReader reader_;
    int slices_ = 0; // of the last command
 };
