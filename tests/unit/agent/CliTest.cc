@@ -56,6 +56,31 @@ web               10.1.1.20       tcp        0          0          0            
          R"("numFailures":2,"numTimeouts":1}}})" );
 }
 
+TEST_F( CliTest, CountersInJsonToTheByte ) {
+   group( "web", "http://h/", "", { "10.1.1.1" } );
+   result( "http/web/10.1.1.1", true, 1000 );
+   EXPECT_EQ( show( counters, CliFormat::json ), R"({
+  "hmCounters": {
+    "web": {
+      "servers": {
+        "10.1.1.1": {
+          "probeType": {
+            "http": {
+              "numChecks": 1000,
+              "numResponses": 994,
+              "numConnectFailures": 3,
+              "numFailures": 2,
+              "numTimeouts": 1
+            }
+          }
+        }
+      }
+    }
+  }
+}
+)" );
+}
+
 TEST_F( CliTest, Timestamps ) {
    threeGroups();
    EXPECT_EQ( "\n" + show( timestamps ), R"(
