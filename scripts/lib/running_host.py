@@ -48,9 +48,9 @@ class RunningHost:
     def command(self, *options, socket=None):
         return [*self.prefix, f"{self.binaries}/hm-host", "--socket", socket or self.socket, *options]
 
-    def host_start(self, *options):
+    def host_start(self, *options, **how):
         with open(f"{self.home}/host.log", "a", encoding="utf-8") as log:
-            self.host = subprocess.Popen(self.command(*options), stderr=log,
+            self.host = subprocess.Popen(self.command(*options, **how), stderr=log,
                                          env={**os.environ, "FLASHLOGDIR": self.home})
         self.eventually(lambda: self.hmctl("get", "host/status").returncode == 0, "hm-host answers")
 

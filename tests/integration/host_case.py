@@ -25,7 +25,11 @@ class HostCase(RunningHost, unittest.TestCase):
     def setUp(self):
         self.home = tempfile.mkdtemp(prefix="hm-test-")
         self.addCleanup(shutil.rmtree, self.home, ignore_errors=True)
-        self.addCleanup(lambda: self.host and self.host_stop())
+        self.addCleanup(HostCase.tearDown, self)  # when setUp or tearDown fails
+
+    def tearDown(self):
+        if self.host:
+            self.host_stop()
 
     def server(self, address="127.0.0.1", port=0, answer=OK, kind=Server):
         server = kind(address, port, answer)
@@ -57,3 +61,4 @@ class RunningCase(HostCase):
             self.apply({})
             self.eventually(lambda: self.hmctl("clean-state").returncode == 0,
                             lambda: self.hmctl("clean-state").stderr)
+        super().tearDown()
