@@ -252,6 +252,11 @@ http {{
         if self.relay:
             self.relay.stdin.close()
 
+    def rules(self):
+        """The packet-filter rules of the switch, whichever form they have."""
+        return "".join(self.inside("switch", *command.split())
+                       for command in ("nft list ruleset", "iptables-nft -t mangle -S", "ip6tables-nft -t mangle -S"))
+
     # The client
 
     def ping(self, address, count=1, *options):

@@ -42,13 +42,8 @@ class LabTest(unittest.TestCase):
         self.rules_eventually(vip(number, 4))
         self.rules_eventually(source(0, 6))
 
-    def rules(self):
-        """The rules of this switch, whichever form they have."""
-        return "".join(self.lab.inside("switch", *command.split())
-                       for command in ("nft list ruleset", "iptables-nft -t mangle -S", "ip6tables-nft -t mangle -S"))
-
     def rules_eventually(self, text):
-        self.lab.eventually(lambda: text in self.rules(), f"rules with {text}")
+        self.lab.eventually(lambda: text in self.lab.rules(), f"rules with {text}")
 
     @contextlib.contextmanager
     def unchanged(self):
@@ -123,7 +118,7 @@ class Path(LabTest):
         self.assertEqual(before, [self.lab.served(number)[source(0, family), vip(1, family)]
                                   for number in self.lab.numbers for family in FAMILIES])
         self.rules_eventually(vip(2, 4))
-        self.assertNotIn(vip(1, 4), self.rules())
+        self.assertNotIn(vip(1, 4), self.lab.rules())
 
     def test_every_packet_of_a_check_is_wrapped(self):
         self.up()
@@ -369,7 +364,7 @@ class Wire(LabTest):
 
     def dropped(self):
         """{ family: how many packets the rules on what is left of probes have dropped }"""
-        if "table inet health-monitor" in self.rules():
+        if "table inet health-monitor" in self.lab.rules():
             text = self.lab.inside("switch", "nft", "list", "chain", "inet", "health-monitor", "output")
             found = [int(count) for count in re.findall(r"counter packets (\d+) bytes \d+ drop", text)]
             return dict(zip(FAMILIES, found))
@@ -386,9 +381,9 @@ class Filter(LabTest):
         self.lab.inside("switch", "iptables-nft", "-t", "mangle", *own.split())
         self.up()
         self.lab.host_kill()
-        self.assertIn(vip(1, 4), self.rules(), "nobody takes the rules of a killed host away")
+        self.assertIn(vip(1, 4), self.lab.rules(), "nobody takes the rules of a killed host away")
         self.lab.host_start()  # knows of no virtual address yet
-        after = self.rules()
+        after = self.lab.rules()
         self.assertNotIn(vip(1, 4), after)
         self.assertEqual(after.count("-A OUTPUT -j HEALTH-MONITOR-OUT") in (0, 2), True, after)
         self.up()
@@ -398,7 +393,7 @@ class Filter(LabTest):
         self.lab.apply(self.lab.groups(2))
         self.rules_eventually(vip(2, 6))
         self.lab.host_stop()
-        left = self.rules()
+        left = self.lab.rules()
         self.assertIn(own, left)
         self.assertNotRegex(left.lower(), "health-monitor|queue")
         self.lab.host_start()
@@ -471,7 +466,7 @@ class Filter(LabTest):
         for family in FAMILIES:
             self.assertEqual(self.lab.ping(vip(1, family), 2), 2)
         self.lab.host_stop()
-        self.assertIn("-j NFQUEUE", self.rules(), "off leaves rules alone")
+        self.assertIn("-j NFQUEUE", self.lab.rules(), "off leaves rules alone")
         self.lab.inside("switch", "nft", "flush", "ruleset")
         self.lab.host_start()
 
