@@ -134,7 +134,8 @@ class PlainDemo(Demo):
 
     def up_but_for(self, changes, what):
         self.step(what)
-        self.expect({**{(group, server): UP for group, (_, servers) in GROUPS.items() for server in servers}, **changes})
+        up = {(group, server): UP for group, (_, servers) in GROUPS.items() for server in servers}
+        self.expect({**up, **changes})
 
     def run(self):
         self.up_but_for({}, "every server answers: all are up")

@@ -122,8 +122,8 @@ class RunningHost:
         while not condition():
             ended = self.host and self.host.poll() is not None
             if ended or time.monotonic() > deadline:
-                why = f"hm-host ended with status {self.host.returncode}" if ended else f"not within {PATIENCE_SECONDS} s"
-                raise AssertionError(f"{why}: {what() if callable(what) else what}\n{self.host_log()}")
+                how = f"hm-host ended with status {self.host.returncode}" if ended else f"not in {PATIENCE_SECONDS} s"
+                raise AssertionError(f"{how}: {what() if callable(what) else what}\n{self.host_log()}")
             time.sleep(0.05)
 
     @contextlib.contextmanager

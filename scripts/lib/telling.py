@@ -14,8 +14,8 @@ def say(text):
 
 
 class Demo:
-    """What derives from it has the `heading` of its table and row( group, server ) for what stands there before a state;
-    start(), which makes the `switch`, a RunningHost; run(), hints() and clean_up()."""
+    """What derives from it has the `heading` of its table and row( group, server ) for what stands there before a
+    state; start(), which makes the `switch`, a RunningHost; run(), hints() and clean_up()."""
 
     switch = None
 

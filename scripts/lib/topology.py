@@ -229,7 +229,8 @@ http {{
         if self.interfaces == "config":
             tunnels = {f"tunnel{each}": each for each in (0, 1)}
             document["bridging/config"] = {"bridgeMac": BRIDGE_MAC}
-            document["ip/status"] = {"ipIntfStatus": {name: {"ipAddr": source(each, 4)} for name, each in tunnels.items()}}
+            document["ip/status"] = {"ipIntfStatus": {name: {"ipAddr": source(each, 4)}
+                                                      for name, each in tunnels.items()}}
             document["ip6/status"] = {"intf": {name: {"addr": [f"{source(each, 6)}/128", "fe80::1/64"]}
                                                for name, each in tunnels.items()}}
         return document

@@ -204,8 +204,8 @@ class Redis(StateCase):
         self.redisStart()
 
     def redisStart(self, *options):
-        self.redisServer = subprocess.Popen(["redis-server", "--port", "0", "--unixsocket", self.redisSocket, "--save", "",
-                                             "--dir", self.home, *options], stdout=subprocess.DEVNULL)
+        self.redisServer = subprocess.Popen(["redis-server", "--port", "0", "--unixsocket", self.redisSocket, "--save",
+                                             "", "--dir", self.home, *options], stdout=subprocess.DEVNULL)
         self.addCleanup(stop, self.redisServer, signal.SIGKILL)
         self.eventually(lambda: os.path.exists(self.redisSocket), "redis-server starts")
         self.assertEqual(self.redis("PING"), "PONG")
@@ -336,8 +336,9 @@ class Redis(StateCase):
                 refusals += 1
                 self.assertGreaterEqual(self.get("host/status")["stateRefusals"], refusals)
         # What others write over the published state is put back.
-        self.redis("DEL", f"hm:{STATUS}/nhgProbeStatus/db/serverProbeStatus/::1")
-        self.eventually(lambda: "operState" in self.hash(f"{STATUS}/nhgProbeStatus/db/serverProbeStatus/::1"), "put back")
+        entry = f"{STATUS}/nhgProbeStatus/db/serverProbeStatus/::1"
+        self.redis("DEL", f"hm:{entry}")
+        self.eventually(lambda: "operState" in self.hash(entry), "put back")
 
     def test_hostile_content(self):
         self.hostAndGroup()
