@@ -6,7 +6,8 @@ import signal
 import subprocess
 import unittest
 
-from health_test import PROBE_CONFIG, HostTest
+from host_case import RunningCase
+from running_host import PROBE_CONFIG, STATUS
 
 
 def ip(*commands):
@@ -14,16 +15,15 @@ def ip(*commands):
     subprocess.run(["ip", "-batch", "-"], input="\n".join(commands) + "\n", text=True, check=True)
 
 
-class KernelInterfacesTest(HostTest):
-    @classmethod
-    def startHost(cls):
+class KernelInterfacesTest(RunningCase):
+    options = ("--interfaces", "kernel")
+
+    def setUp(self):
         ip("link add h1 type veth peer name h2", "link set h1 up address 02:00:00:00:00:11",
            "link set h2 up address 02:00:00:00:00:12", "addr add 10.77.0.1/24 dev h1",
            "addr add 2001:db8:77::1/64 dev h1 nodad")
-        super().startHost("--interfaces", "kernel")
-
-    def get(self, path):
-        return json.loads(self.hmctl("get", "--json", path).stdout)[path]
+        self.addCleanup(ip, "link del h1")
+        super().setUp()
 
     def ipv4(self):
         return {name: each["ipAddr"] for name, each in self.get("ip/status")["ipIntfStatus"].items()}
@@ -34,7 +34,7 @@ class KernelInterfacesTest(HostTest):
         return sorted(each for each in status["addr"] if not each.startswith("fe80"))
 
     def reached(self, what, wanted):
-        self.eventually(lambda: what() == wanted, f"{wanted}, not {what()}")
+        self.eventually(lambda: what() == wanted, lambda: f"{wanted}, not {what()}")
 
     def test_what_stands_at_the_start(self):
         self.assertEqual(self.ipv4()["h1"], "10.77.0.1")
@@ -44,9 +44,10 @@ class KernelInterfacesTest(HostTest):
 
     def test_probes_have_the_addresses_of_a_real_interface(self):
         def sources():
-            return self.status()["probeSrcIp"], self.status()["probeSrcIp6"]
+            status = self.get(STATUS)
+            return status["probeSrcIp"], status["probeSrcIp6"]
 
-        self.hmctl("set", PROBE_CONFIG, "localTunnelIntf", "h1")
+        self.told("set", PROBE_CONFIG, "localTunnelIntf", "h1")
         self.reached(sources, ("10.77.0.1", "2001:db8:77::1"))
         ip("addr add 2001:db8:77::2/64 dev h1 nodad", "addr del 10.77.0.1/24 dev h1")
         self.reached(sources, ("", ""))
@@ -75,7 +76,8 @@ class KernelInterfacesTest(HostTest):
         self.reached(lambda: [name for name in self.get("ip6/status")["intf"] if name in ("Tunnel1", "c2")], [])
 
     def test_an_address_that_may_be_taken_is_not_used(self):
-        ip("link add d1 type veth peer name d2", "link set d2 address 02:00:00:00:00:22", "link set d1 up", "link set d2 up")
+        ip("link add d1 type veth peer name d2", "link set d2 address 02:00:00:00:00:22", "link set d1 up",
+           "link set d2 up")
         ip("addr add 2001:db8:79::1/64 dev d2 nodad", "addr add 2001:db8:79::1/64 dev d1")
         self.eventually(lambda: "dadfailed" in subprocess.run(
             ["ip", "-6", "addr", "show", "dev", "d1"], capture_output=True, text=True).stdout, "d1 finds it taken")
@@ -127,17 +129,17 @@ class KernelInterfacesTest(HostTest):
         self.assertNotIn("ip/status", self.hmctl("get", "--config").stdout)
 
 
-class DoctorTest(HostTest):
+class DoctorTest(RunningCase):
     VIP, VIP6 = "192.0.2.10", "2001:db8::10"
-    OPTIONS = ()
+    options = ("--interfaces", "kernel")
 
-    @classmethod
-    def startHost(cls):
+    def setUp(self):
         ip("link add s1 type veth peer name s2", "link set s1 up", "link set s2 up", "addr add 10.80.0.1/24 dev s1",
            "addr add 2001:db8:80::1/64 dev s1 nodad")
-        cls.sysctl("conf/all/rp_filter", 0)
-        cls.sysctl("conf/s1/rp_filter", 1)
-        super().startHost("--interfaces", "kernel", *cls.OPTIONS)
+        self.addCleanup(ip, "link del s1")
+        self.sysctl("conf/all/rp_filter", 0)
+        self.sysctl("conf/s1/rp_filter", 1)
+        super().setUp()
 
     @staticmethod
     def sysctl(name, value):
@@ -150,17 +152,6 @@ class DoctorTest(HostTest):
         self.assertEqual(answer.returncode, 1 if found else 0, answer.stderr)
         return found
 
-    def applyGroups(self):
-        self.apply({"web": (["10.80.0.11", "10.80.0.12", "10.99.0.1"], {"tcpUrl": f"tcp://{self.VIP}:80", "vip": self.VIP}),
-                    "six": (["2001:db8:80::11"], {"tcpUrl": f"tcp://[{self.VIP6}]:80", "vip": self.VIP6})})
-
-    def putRight(self):
-        """All but the rules."""
-        ip(f"route add {self.VIP} dev lo mtu 1450", "route add 10.99.0.1 via 10.80.0.11",
-           f"route add {self.VIP6} dev lo mtu 1430")
-        self.sysctl("conf/s1/rp_filter", 2)
-        self.hmctl("set", PROBE_CONFIG, "localTunnelIntf", "s1")
-
     def test_without_virtual_addresses_there_is_nothing_to_look_at(self):
         for groups in ({}, {"web": (["127.2.1.1"], {"tcpUrl": "tcp://127.2.1.1:9"})}):
             self.apply(groups)
@@ -169,7 +160,9 @@ class DoctorTest(HostTest):
             self.assertIn("nothing to look at", answer.stdout)
 
     def test_what_is_wrong_is_said_until_it_is_put_right(self):
-        self.applyGroups()
+        self.apply({"web": (["10.80.0.11", "10.80.0.12", "10.99.0.1"],
+                            {"tcpUrl": f"tcp://{self.VIP}:80", "vip": self.VIP}),
+                    "six": (["2001:db8:80::11"], {"tcpUrl": f"tcp://[{self.VIP6}]:80", "vip": self.VIP6})})
         ip(f"addr add {self.VIP}/32 dev lo", "link set lo up")
         found = self.doctor()
         for subject, problem in (("IPv4 source address", "no tunnel interface"), ("IPv4 probe rules", "no rule"),
@@ -185,14 +178,17 @@ class DoctorTest(HostTest):
         self.assertEqual((text.returncode, text.stdout.count("\n"), text.stderr), (1, 9, "to be put right: 9\n"))
 
         ip(f"addr del {self.VIP}/32 dev lo")
-        self.putRight()
+        ip(f"route add {self.VIP} dev s1 mtu 1450", "route add 10.99.0.1 via 10.80.0.11",
+           f"route add {self.VIP6} dev s1 mtu 1430")
+        self.sysctl("conf/s1/rp_filter", 2)
+        self.told("set", PROBE_CONFIG, "localTunnelIntf", "s1")
         for program, protocol, kind, vip in (("iptables-nft", "icmp", "--icmp-type", self.VIP),
                                              ("ip6tables-nft", "ipv6-icmp", "--icmpv6-type", self.VIP6)):
             for rule in (f"OUTPUT -p tcp -m mark ! --mark 0x0/0x3fff -m mark --mark 0x0/0xffffc000",
                          f"PREROUTING -d {vip} -p {protocol} {kind} echo-request"):
-                subprocess.run([program, "-w", "-t", "mangle", "-A", *rule.split(), "-j", "NFQUEUE", "--queue-num", "0"],
-                               check=True)
-        self.eventually(lambda: self.doctor() == [], "nothing is wrong")
+                subprocess.run([program, "-w", "-t", "mangle", "-A", *rule.split(), "-j", "NFQUEUE", "--queue-num",
+                                "0"], check=True)
+        self.eventually(lambda: self.doctor() == [], lambda: f"wrong is {self.doctor()}")
         self.assertIn("nothing is wrong", self.hmctl("doctor").stdout)
 
     def test_thousands_of_servers(self):
@@ -204,18 +200,6 @@ class DoctorTest(HostTest):
         self.assertIn("10.80.8.5 (group web) and 3995 more", dict(found)["servers"])
         self.assertEqual([problem for _, problem in found if "source ports" in problem],
                          ["its checks may need 36000 source ports at a time, and there are 28232"])
-
-
-class DoctorOfKeptRulesTest(DoctorTest):
-    OPTIONS = ("--packet-filter", "auto")
-
-    def test_rules_that_the_host_keeps_are_right(self):
-        self.applyGroups()
-        self.putRight()
-        self.eventually(lambda: self.doctor() == [], f"nothing is wrong: {self.doctor()}")
-        subprocess.run(["iptables-nft", "-t", "mangle", "-I", "OUTPUT", "-p", "tcp", "-j", "ACCEPT"], check=True)
-        self.assertEqual([subject for subject, _ in self.doctor()], ["IPv4 probe rules"])
-        subprocess.run(["iptables-nft", "-t", "mangle", "-D", "OUTPUT", "1"], check=True)
 
 
 if __name__ == "__main__":

@@ -9,17 +9,18 @@ import socket
 import threading
 import unittest
 
-from health_test import BIN, PATIENCE_SECONDS, HostTest
+from host_case import BIN, RunningCase
+from running_host import PATIENCE_SECONDS
 from servers import OK, http
 from terminal import Terminal
 
 CONFIGURED_GROUPS = "healthMonitor/config/serverConfig/nhgConfig"
 
 
-class OperatorTest(HostTest):
+class OperatorTest(RunningCase):
     def test_status_is_drawn_anew_on_a_terminal(self):
         server = self.server("127.2.1.1")
-        self.apply({"web": (["127.2.1.1"], {"httpUrl": f"http://127.2.1.1:{server.port}/"})})
+        self.apply({"web": server.group()})
         terminal = Terminal(f"{BIN}/hmctl", ["-s", self.socket, "status", "--watch"])
         self.addCleanup(terminal.close)
         terminal.expect(r"Nexthop Group.*\nweb +127\.2\.1\.1 +up +up +-.*answered")
@@ -33,13 +34,13 @@ class OperatorTest(HostTest):
     def test_groups_may_have_any_name(self):
         server = self.server("127.2.1.1")
         names = ["two  words ", " it's \"quoted\" ", "größe 中", "-dash", "--json", "a/b|c\\d", "line\nfeed"]
-        self.apply({name: (["127.2.1.1"], {"httpUrl": f"http://127.2.1.1:{server.port}/"}) for name in names})
+        self.apply({name: server.group() for name in names})
         for name in names:
             with self.subTest(name=name):
                 probe = ["probe", "--json", "--", name, "127.2.1.1"]
                 self.eventually(lambda: self.hmctl(*probe).returncode == 0, "the engine knows it")
-                self.assertEqual(json.loads(self.hmctl(*probe).stdout)["hmProbe"]["http"]["status"], 200)
-                status = json.loads(self.hmctl("status", "--json", "--", name).stdout)["hmStatus"]
+                self.assertEqual(json.loads(self.told(*probe))["hmProbe"]["http"]["status"], 200)
+                status = json.loads(self.told("status", "--json", "--", name))["hmStatus"]
                 self.assertEqual(list(status), [name])
 
     def test_trace_levels_reach_the_engine(self):
@@ -49,9 +50,9 @@ class OperatorTest(HostTest):
             with open(f"{self.home}/HealthMonitor.flog", encoding="utf-8") as file:
                 return re.search(r" NetCHASM [3-9] ", file.read())
         self.assertIsNone(detailed())
-        self.assertEqual(self.hmctl("trace", "NetCHASM", "0-9").returncode, 0)
+        self.told("trace", "NetCHASM", "0-9")
         self.eventually(detailed, "the engine says more")
-        self.assertEqual(self.hmctl("trace", "NetCHASM", "0-2").returncode, 0)
+        self.told("trace", "NetCHASM", "0-2")
 
 
 class Client:
@@ -85,7 +86,7 @@ class Client:
         raise AssertionError(f"the host closed after {text[-200:]!r}")
 
 
-class HostileClientTest(HostTest):
+class HostileClientTest(RunningCase):
     """While an answer is long, or nobody takes it, everybody else is served."""
 
     COUNTERS = {"command": "run", "text": "show health-monitor counters", "format": "json"}
@@ -99,11 +100,11 @@ class HostileClientTest(HostTest):
                                  {"tcpUrl": "tcp://127.3.0.1:9", "probeInterval": 3600}) for g in range(self.GROUPS)})
         with self.client(self.COUNTERS) as client:
             self.assert_counters(client.answer())
-        self.eventually(lambda: self.hostStatus()["clients"] == 1, "only the one who asks")
+        self.eventually(lambda: self.get("host/status")["clients"] == 1, "only the one who asks")
         self.descriptors = self.open_descriptors()
 
     def tearDown(self):
-        self.eventually(lambda: self.hostStatus()["clients"] == 1, "the clients are gone")
+        self.eventually(lambda: self.get("host/status")["clients"] == 1, "the clients are gone")
         self.assertEqual(self.open_descriptors(), self.descriptors)
         super().tearDown()
 
@@ -130,9 +131,7 @@ class HostileClientTest(HostTest):
         self.assertEqual(len(counters["g00"]["servers"]), self.SERVERS_PER_GROUP)
 
     def assert_served(self):
-        answer = self.hmctl("status", "g01")
-        self.assertEqual(answer.returncode, 0, answer.stderr)
-        self.assertEqual(answer.stdout.count("\ng01 "), self.SERVERS_PER_GROUP)
+        self.assertEqual(self.told("status", "g01").count("\ng01 "), self.SERVERS_PER_GROUP)
 
     def test_an_answer_waits_for_its_reader(self):
         with contextlib.ExitStack() as stack:
@@ -140,7 +139,7 @@ class HostileClientTest(HostTest):
             for _ in range(5):
                 self.assert_served()
             gone = f"g{self.GROUPS - 1}"
-            self.assertEqual(self.hmctl("del", CONFIGURED_GROUPS, gone).returncode, 0)
+            self.told("del", CONFIGURED_GROUPS, gone)
             self.eventually(lambda: self.hmctl("status", gone).returncode == 1, "the last group is gone")
             # It was not printed yet for any of them.
             for client in stalled:
@@ -194,7 +193,7 @@ class HostileClientTest(HostTest):
 
     def test_checks_that_nobody_waits_for(self):
         silent = self.server("127.2.1.1", answer="silent")
-        group = {"silent": (["127.2.1.1"], {"httpUrl": f"http://127.2.1.1:{silent.port}/", "timeout": 60})}
+        group = {"silent": silent.group(timeout=60)}
         self.apply(group)
         self.eventually(lambda: silent.connections > 0, "the engine knows it")
         probe = {"command": "run", "text": "probe silent 127.2.1.1"}
@@ -208,7 +207,7 @@ class HostileClientTest(HostTest):
         for _ in range(200):
             with self.client(probe):
                 pass
-        self.eventually(lambda: self.hostStatus()["clients"] == 1, "nobody stays for them")
+        self.eventually(lambda: self.get("host/status")["clients"] == 1, "nobody stays for them")
         self.eventually(crowded, "there are enough of them")
         silent.answer = OK
         self.apply({})  # ends them

@@ -27,6 +27,13 @@ class Server:
         self.listener = None
         self.start()
 
+    def url(self, kind="http"):
+        return f"{kind}://{f'[{self.address}]' if self.family == socket.AF_INET6 else self.address}:{self.port}"
+
+    def group(self, *kinds, **probe):
+        """A group with this server alone, which is checked by HTTP or by `kinds`: its servers and probe settings."""
+        return [self.address], {**{f"{kind}Url": self.url(kind) for kind in kinds or ["http"]}, **probe}
+
     def start(self):
         listener = socket.socket(self.family, socket.SOCK_STREAM)
         listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)

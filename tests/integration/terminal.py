@@ -10,7 +10,7 @@ import struct
 import termios
 import time
 
-PATIENCE_SECONDS = 60  # a bound, never a wait
+from running_host import PATIENCE_SECONDS
 
 
 class Terminal:
@@ -44,6 +44,11 @@ class Terminal:
                 return before
             if not self.read(deadline - time.monotonic()):
                 raise AssertionError(f"{pattern!r} never came, but {whole[self.consumed:][-2000:]!r}")
+
+    def typed(self, text, pattern):
+        """What is seen from the text that is typed now to the regular expression."""
+        self.send(text)
+        return self.expect(pattern)
 
     def read(self, seconds):
         if not select.select([self.fd], [], [], max(seconds, 0))[0]:

@@ -2,7 +2,8 @@
 
 import subprocess
 
-from topology import run, stop
+from running_host import stop
+from topology import run
 
 FIELDS = ("frame.number", "ip.src", "ip.dst", "ipv6.src", "ipv6.dst", "udp.dstport", "vxlan.vni", "tcp.srcport",
           "tcp.dstport", "tcp.seq_raw", "tcp.flags", "tcp.checksum.status", "ip.checksum.status")

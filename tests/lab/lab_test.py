@@ -1,21 +1,21 @@
 """The packet path between real hosts, for IPv4 and IPv6 side by side: what a server, a client and the wire see."""
 
 import contextlib
-import json
 import os
 import re
 import signal
 import socket
 import struct
-import subprocess
 import sys
 import unittest
 
-from capture import ACK, GOOD, PSH, RST, SYN, Capture
-from topology import (BRIDGE_MAC, DOWN, FAMILIES, PATIENCE_SECONDS, PROBE_CONFIG, SERVER_MAC, STATUS, UP, VXLAN_PORT,
-                      ROOT, Lab, isolate, server, source, vip)
+sys.path.append(os.path.dirname(__file__) + "/../../scripts/lib")
+from capture import ACK, GOOD, PSH, RST, SYN, Capture  # noqa: E402
+from running_host import DOWN, PATIENCE_SECONDS, PROBE_CONFIG, ROOT, STATUS, UP, captured  # noqa: E402
+from topology import (BRIDGE_MAC, FAMILIES, SERVER_MAC, VXLAN_PORT, Lab, isolate, server, source, vip,  # noqa: E402
+                      whole)
 
-BIN = sys.argv.pop(1)
+Lab.binaries = sys.argv.pop(1)
 
 
 class LabTest(unittest.TestCase):
@@ -26,16 +26,15 @@ class LabTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.lab = Lab(servers=3, binaries=BIN, relay=cls.relay, interfaces=cls.interfaces)
+        cls.lab = Lab(servers=3, relay=cls.relay, interfaces=cls.interfaces)
         for number in cls.lab.numbers:
             cls.lab.server_start(number)
         cls.lab.host_start()
 
     @classmethod
     def tearDownClass(cls):
-        status = cls.lab.host_stop()
         cls.lab.close()
-        assert status == 0, f"hm-host ended with status {status}\n{cls.lab.host_log()}"
+        cls.lab.host_stop()
 
     def up(self, number=1, settings=None, **probe):
         """All servers in a group a family, and up."""
@@ -44,26 +43,15 @@ class LabTest(unittest.TestCase):
         self.rules_eventually(vip(number, 4))
         self.rules_eventually(source(0, 6))
 
-    def rules(self):
-        """The rules of this switch, whichever form they have."""
-        return "".join(self.lab.inside("switch", *command.split())
-                       for command in ("nft list ruleset", "iptables-nft -t mangle -S", "ip6tables-nft -t mangle -S"))
-
     def rules_eventually(self, text):
-        self.lab.eventually(lambda: text in self.rules(), f"rules with {text}")
+        self.lab.eventually(lambda: text in self.lab.rules(), f"rules with {text}")
 
     @contextlib.contextmanager
     def unchanged(self):
         """Nothing that is published about a server may change inside."""
-        watch = subprocess.Popen([f"{BIN}/hmctl", "-s", self.lab.socket, "watch", f"{STATUS}/nhgProbeStatus"],
-                                 text=True, stdout=subprocess.PIPE)
-        try:
-            self.lab.eventually(lambda: "clients: 2" in self.lab.told("get", "host/status"), "the watcher is there")
+        with self.lab.watched(f"{STATUS}/nhgProbeStatus") as changes:
             yield
-        finally:
-            watch.terminate()
-            seen = watch.communicate(timeout=PATIENCE_SECONDS)[0]
-        self.assertEqual([line for line in seen.splitlines() if '"operState"' in line], [])
+        self.assertEqual([change for change in changes if "operState" in str(change)], [])
 
     def more_served(self, count, address=None, numbers=None):
         """Waits for `count` more requests at each server."""
@@ -74,6 +62,12 @@ class LabTest(unittest.TestCase):
         before = {number: asked(number) for number in numbers}
         self.lab.eventually(lambda: all(asked(number) >= before[number] + count for number in numbers),
                             f"{count} more checks of each server")
+
+    def came_from(self, tunnel):
+        """Waits until each server has been asked by this source."""
+        wanted = {(source(tunnel, family), vip(1, family)) for family in FAMILIES}
+        self.lab.eventually(lambda: all(wanted <= self.lab.served(number).keys() for number in self.lab.numbers),
+                            "the new source")
 
     def assert_wrapped(self, packets, tunnels=(0,)):
         """Every packet of a check is in the tunnel to its own server, with that server's mark; { vni: address }."""
@@ -97,28 +91,11 @@ class LabTest(unittest.TestCase):
 
 
 class Path(LabTest):
-    def test_servers_take_any_vni(self):
-        """The lab itself, without anything of ours: the kernel's own encapsulation reaches each server."""
-        self.lab.ip("switch", f"link add lab0 type vxlan external dstport {VXLAN_PORT} udp6zerocsumrx udp6zerocsumtx",
-                    "link set lab0 up")
-        for family in FAMILIES:
-            for number in self.lab.numbers:
-                address, kind = vip(2, family), "ip" if family == 4 else "ip6"
-                self.lab.ip("switch", f"route replace {address} encap {kind} id {7000 + number}"
-                            f" dst {server(number, family)} dev lab0 src {source(0, family)}",
-                            f"neigh replace {address} lladdr {SERVER_MAC} dev lab0")
-                with socket_in(self.lab, "switch", family) as client:
-                    client.settimeout(PATIENCE_SECONDS)
-                    client.connect((address, 80))
-                    client.sendall(b"GET / HTTP/1.0\r\n\r\n")
-                    self.assertIn(f"\r\ns{number}\n".encode(), client.makefile("rb").read())
-        self.lab.ip("switch", "link del lab0")
-
     def test_each_server_answers_for_itself(self):
         self.up()
         for family in FAMILIES:
             for number in self.lab.numbers:
-                answer = json.loads(self.lab.told("probe", f"web{family}", server(number, family), "--json"))
+                answer = self.lab.json("probe", f"web{family}", server(number, family))
                 self.assertEqual(answer["hmProbe"]["http"].get("bodyBegin"), f"s{number}\n", answer)
         self.more_served(1)
         for number in self.lab.numbers:
@@ -142,7 +119,7 @@ class Path(LabTest):
         self.assertEqual(before, [self.lab.served(number)[source(0, family), vip(1, family)]
                                   for number in self.lab.numbers for family in FAMILIES])
         self.rules_eventually(vip(2, 4))
-        self.assertNotIn(vip(1, 4), self.rules())
+        self.assertNotIn(vip(1, 4), self.lab.rules())
 
     def test_every_packet_of_a_check_is_wrapped(self):
         self.up()
@@ -200,13 +177,10 @@ class Path(LabTest):
         for family in FAMILIES:
             self.assertEqual(self.lab.ping(vip(1, family), 3, "-s", "1000"), 3)
         self.assertEqual(self.replied() - before, 6)
-        silent = [vip(1, family) for family in FAMILIES]
-        self.lab.told("apply", "-", input=json.dumps({f"{PROBE_CONFIG}/pingDisabledVip": silent}))
-        for family in FAMILIES:
-            self.assertEqual(self.lab.ping(vip(1, family), 2), 0)
-        self.lab.told("apply", "-", input=json.dumps({f"{PROBE_CONFIG}/pingDisabledVip": []}))
-        for family in FAMILIES:
-            self.assertEqual(self.lab.ping(vip(1, family)), 1)
+        for silent, answered in (([vip(1, family) for family in FAMILIES], 0), ([], 2)):
+            self.lab.configure({f"{PROBE_CONFIG}/pingDisabledVip": silent})
+            for family in FAMILIES:
+                self.assertEqual(self.lab.ping(vip(1, family), 2), answered)
 
     def test_everything_else_passes(self):
         self.up()
@@ -235,7 +209,7 @@ class Path(LabTest):
         self.assertEqual(self.replied() - before, 1)
 
     def replied(self):
-        packets = json.loads(self.lab.told("show", "health-monitor", "packets", "--json"))["hmPackets"]
+        packets = self.lab.json("show", "health-monitor", "packets")["hmPackets"]
         return packets["repliedIpv4"] + packets["repliedIpv6"]
 
     def test_a_stateful_firewall_knows_the_answers(self):
@@ -256,20 +230,16 @@ class Path(LabTest):
 
     def notrack(self):
         """What the native example leaves commented out."""
-        with open(f"{ROOT}/packaging/packet-filter/health-monitor.nft", encoding="utf-8") as file:
-            text = file.read().split("# table inet health-monitor-notrack")[1]
-        text = "table inet health-monitor-notrack" + text.replace("\n#", "\n")
-        return text.replace("192.0.2.10", vip(1, 4)).replace("2001:db8::10", vip(1, 6))
+        text = example("nft").split("# table inet health-monitor-notrack")[1]
+        return "table inet health-monitor-notrack" + text.replace("\n#", "\n")
 
     def test_a_dead_route_takes_its_server_down_alone(self):
         self.up()
-        for family, flag in ((4, ""), (6, "-6 ")):
-            self.lab.ip("switch", f"{flag}route add blackhole {server(2, family)}")
+        self.lab.ip("switch", *(f"route add blackhole {server(2, family)}" for family in FAMILIES))
         self.lab.expect(self.lab.states(down=[2]))
         with self.unchanged():
             self.more_served(3, numbers=[1, 3])
-        for family, flag in ((4, ""), (6, "-6 ")):
-            self.lab.ip("switch", f"{flag}route del blackhole {server(2, family)}")
+        self.lab.ip("switch", *(f"route del blackhole {server(2, family)}" for family in FAMILIES))
         self.lab.expect(self.lab.states())
 
 
@@ -277,15 +247,9 @@ class Doctor(LabTest):
     def test_doctor_finds_what_is_wrong_and_nothing_else(self):
         self.up()
         self.assertEqual(self.doctor()[0], 0, self.doctor())
-        for what, harm, repair, said in (
-                ("strict filter", "sysctl -qw net.ipv4.conf.to-s2.rp_filter=1 net.ipv4.conf.all.rp_filter=0",
-                 "sysctl -qw net.ipv4.conf.all.rp_filter=2", "reverse-path filter"),
-                ("owned", f"ip addr add {vip(1, 6)}/128 dev lo", f"ip addr del {vip(1, 6)}/128 dev lo",
-                 "interface lo has it"),
+        for what, harm, repair, said in (  # that takes rules which the host keeps, or real links
                 ("no room", f"ip route replace {vip(0, 4)}/24 via {server(1, 4)}",
                  f"ip route replace {vip(0, 4)}/24 via {server(1, 4)} mtu 1450", "do not fit"),
-                ("no route", f"ip -6 route del {vip(0, 6)}/64",
-                 f"ip -6 route add {vip(0, 6)}/64 via {server(1, 6)} mtu 1430", "no route to it"),
                 ("bypass", "ip6tables-nft -t mangle -I OUTPUT -p tcp -j NFQUEUE --queue-num 0 --queue-bypass",
                  "ip6tables-nft -t mangle -D OUTPUT -p tcp -j NFQUEUE --queue-num 0 --queue-bypass", "bypass"),
                 ("unwrapped", "iptables-nft -t mangle -I OUTPUT -p tcp -j ACCEPT",
@@ -299,8 +263,7 @@ class Doctor(LabTest):
         self.assertEqual(self.doctor()[0], 0, self.doctor())
 
     def doctor(self):
-        done = subprocess.run(["nsenter", "--net=/run/netns/switch", f"{BIN}/hmctl", "-s", self.lab.socket, "doctor"],
-                              text=True, capture_output=True, timeout=PATIENCE_SECONDS, check=False)
+        done = captured(*self.lab.prefix, f"{self.lab.binaries}/hmctl", "-s", self.lab.socket, "doctor")
         return done.returncode, done.stdout
 
 
@@ -313,8 +276,7 @@ class Source(LabTest):
         capture = Capture(self.lab, "moving")
         with self.unchanged():
             self.lab.told("set", PROBE_CONFIG, "localTunnelIntf", "tunnel1")
-            self.lab.eventually(lambda: all((source(1, family), vip(1, family)) in self.lab.served(number)
-                                            for number in self.lab.numbers for family in FAMILIES), "the new source")
+            self.came_from(1)
             self.rules_eventually(source(1, 6))
             self.more_served(3)
         self.assert_wrapped(capture.packets(), tunnels=(0, 1))
@@ -341,18 +303,11 @@ class Source(LabTest):
     def test_the_address_of_the_tunnel_interface_changes(self):
         self.up(**self.probe)
         with self.unchanged():
-            for family in FAMILIES:
-                length = 32 if family == 4 else 128
-                self.lab.ip("switch", f"addr del {source(1, family)}/{length} dev tunnel1",
-                            f"addr del {source(0, family)}/{length} dev tunnel0",
-                            f"addr add {source(1, family)}/{length} dev tunnel0")
-            self.lab.eventually(lambda: all((source(1, family), vip(1, family)) in self.lab.served(number)
-                                            for number in self.lab.numbers for family in FAMILIES), "the new source")
-        for family in FAMILIES:
-            length = 32 if family == 4 else 128
-            self.lab.ip("switch", f"addr del {source(1, family)}/{length} dev tunnel0",
-                        f"addr add {source(0, family)}/{length} dev tunnel0",
-                        f"addr add {source(1, family)}/{length} dev tunnel1")
+            for each in FAMILIES:
+                self.lab.ip("switch", f"addr del {whole(source(1, each))} dev tunnel1",
+                            f"addr del {whole(source(0, each))} dev tunnel0",
+                            f"addr add {whole(source(1, each))} dev tunnel0")
+            self.came_from(1)
 
 
 class Configured(LabTest):
@@ -362,7 +317,7 @@ class Configured(LabTest):
         """The switch's interfaces as another subsystem of it reports them."""
         def addresses(*more):
             listed = [f"{address}/128" for address in (source(0, 6), *more)]
-            self.lab.told("apply", "-", input=json.dumps({"ip6/status": {"intf": {"tunnel0": {"addr": listed}}}}))
+            self.lab.configure({"ip6/status": {"intf": {"tunnel0": {"addr": listed}}}})
         self.up()
         addresses("fd00:255::99")
         self.lab.expect({key: UP if key[0] == "web4" else DOWN for key in self.lab.states()})
@@ -397,7 +352,7 @@ class Wire(LabTest):
 
     def dropped(self):
         """{ family: how many packets the rules on what is left of probes have dropped }"""
-        if "table inet health-monitor" in self.rules():
+        if "table inet health-monitor" in self.lab.rules():
             text = self.lab.inside("switch", "nft", "list", "chain", "inet", "health-monitor", "output")
             found = [int(count) for count in re.findall(r"counter packets (\d+) bytes \d+ drop", text)]
             return dict(zip(FAMILIES, found))
@@ -413,10 +368,10 @@ class Filter(LabTest):
         own = "-A OUTPUT -s 192.0.2.1/32 -j ACCEPT"
         self.lab.inside("switch", "iptables-nft", "-t", "mangle", *own.split())
         self.up()
-        self.lab.host_stop(signal.SIGKILL)
-        self.assertIn(vip(1, 4), self.rules(), "nobody takes the rules of a killed host away")
+        self.lab.host_kill()
+        self.assertIn(vip(1, 4), self.lab.rules(), "nobody takes the rules of a killed host away")
         self.lab.host_start()  # knows of no virtual address yet
-        after = self.rules()
+        after = self.lab.rules()
         self.assertNotIn(vip(1, 4), after)
         self.assertEqual(after.count("-A OUTPUT -j HEALTH-MONITOR-OUT") in (0, 2), True, after)
         self.up()
@@ -425,8 +380,8 @@ class Filter(LabTest):
         self.lab.inside("switch", "iptables-nft", "-t", "mangle", *own.split())
         self.lab.apply(self.lab.groups(2))
         self.rules_eventually(vip(2, 6))
-        self.assertEqual(self.lab.host_stop(), 0)
-        left = self.rules()
+        self.lab.host_stop()
+        left = self.lab.rules()
         self.assertIn(own, left)
         self.assertNotRegex(left.lower(), "health-monitor|queue")
         self.lab.host_start()
@@ -473,23 +428,15 @@ class Filter(LabTest):
             os.environ["PATH"] = before
         self.assertIn("no rules today", self.lab.host_log())
         self.assertIn("no rules today", self.lab.told("get", "host/status"))
-        self.assertEqual(self.lab.host_stop(), 0)
+        self.lab.host_stop()
         self.lab.host_start()
 
     def test_the_example_rules_do(self):
         self.lab.host_stop()
-        examples = {}
-        for name in ("nft", "iptables", "ip6tables"):
-            with open(f"{ROOT}/packaging/packet-filter/health-monitor.{name}", encoding="utf-8") as file:
-                text = file.read()
-            for example, here in (("192.0.2.10", vip(1, 4)), ("2001:db8::10", vip(1, 6)),
-                                  ("192.0.2.1", source(0, 4)), ("2001:db8::1", source(0, 6))):
-                text = text.replace(example, here)
-            examples[name] = text
         # Not every kernel has the statement itself.
-        self.lab.inside("switch", "nft", "-c", "-f", "-", input=examples["nft"].replace("queue to 0", "accept"))
+        self.lab.inside("switch", "nft", "-c", "-f", "-", input=example("nft").replace("queue to 0", "accept"))
         for name in ("iptables", "ip6tables"):
-            self.lab.inside("switch", f"{name}-nft-restore", "--noflush", input=examples[name])
+            self.lab.inside("switch", f"{name}-nft-restore", "--noflush", input=example(name))
         self.lab.host_start(packet_filter="off")
         self.lab.apply(self.lab.groups())
         self.lab.expect(self.lab.states())
@@ -499,9 +446,19 @@ class Filter(LabTest):
         for family in FAMILIES:
             self.assertEqual(self.lab.ping(vip(1, family), 2), 2)
         self.lab.host_stop()
-        self.assertIn("-j NFQUEUE", self.rules(), "off leaves rules alone")
+        self.assertIn("-j NFQUEUE", self.lab.rules(), "off leaves rules alone")
         self.lab.inside("switch", "nft", "flush", "ruleset")
         self.lab.host_start()
+
+
+def example(name):
+    """The rules that come with the agent, with the addresses of this switch."""
+    with open(f"{ROOT}/packaging/packet-filter/health-monitor.{name}", encoding="utf-8") as file:
+        text = file.read()
+    for there, here in (("192.0.2.10", vip(1, 4)), ("2001:db8::10", vip(1, 6)),
+                        ("192.0.2.1", source(0, 4)), ("2001:db8::1", source(0, 6))):
+        text = text.replace(there, here)
+    return text
 
 
 class SystemLog:

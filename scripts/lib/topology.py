@@ -19,14 +19,8 @@ import stat
 import subprocess
 import sys
 import tempfile
-import time
 
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-STATUS = "healthMonitor/status/serverStatus"
-PROBE_CONFIG = "healthMonitor/config/probeConfig"
-SERVER_CONFIG = "healthMonitor/config/serverConfig"
-UP, DOWN = ("enabled", "up"), ("enabled", "down")
-PATIENCE_SECONDS = 60  # a bound, never a wait
+from running_host import DOWN, ROOT, UP, RunningHost, captured, stop
 
 FAMILIES = (4, 6)
 VXLAN_PORT = 4789
@@ -51,8 +45,17 @@ def client(family):
     return "10.2.0.1" if family == 4 else "fd00:2::1"
 
 
+def url(address):
+    return f"http://[{address}]/" if ":" in address else f"http://{address}/"
+
+
+def whole(address):
+    """The network of this address alone."""
+    return f"{address}/128" if ":" in address else f"{address}/32"
+
+
 def run(*command, **options):
-    done = subprocess.run(command, text=True, capture_output=True, check=False, timeout=PATIENCE_SECONDS, **options)
+    done = captured(*command, **options)
     if done.returncode != 0:
         raise RuntimeError(f"{' '.join(command)}: {done.stderr.strip() or done.stdout.strip()}")
     return done.stdout
@@ -85,19 +88,17 @@ def isolate():
         run("mount", "-t", "tmpfs", "lab", "/tmp")  # the agent's files go with everything else
 
 
-class Lab:
+class Lab(RunningHost):
     """The topology, the servers' nginx and, once started, hm-host on the switch. After isolate(), once."""
 
-    def __init__(self, servers=2, binaries=os.path.join(ROOT, "build", "bin"), home=None, relay=False,
-                 interfaces="kernel"):
+    prefix = ("nsenter", "--net=/run/netns/switch")
+    probe = {"timeout": 2, "retryCount": 1, "probeInterval": 0.5}
+
+    def __init__(self, servers=2, home=None, relay=False, interfaces="kernel"):
         self.interfaces = interfaces  # where hm-host has the addresses of the switch from
         self.numbers = range(1, servers + 1)
-        self.binaries = binaries
         self.home = home or tempfile.mkdtemp(prefix="hm-lab-")
-        self.socket = f"{self.home}/hm.sock"
         self.nginx = {}
-        self.host = None
-        self.log = None
         self.relay = None
         self.build(relay)
 
@@ -116,8 +117,7 @@ class Lab:
             # A pair with both ends here stands for a loopback interface of its own.
             self.ip("switch", f"link add tunnel{number} type veth peer name tunnel{number}p",
                     f"link set tunnel{number}p up", f"link set tunnel{number} up",
-                    f"addr add {source(number, 4)}/32 dev tunnel{number}",
-                    f"addr add {source(number, 6)}/128 dev tunnel{number}")
+                    *(f"addr add {whole(source(number, family))} dev tunnel{number}" for family in FAMILIES))
         self.connect("client", "10.2.0", "fd00:2:")
         for number in self.numbers:
             self.connect(f"s{number}", f"10.1.{number}", f"fd00:1:{number}:", relay)
@@ -151,8 +151,7 @@ class Lab:
                     "net.ipv4.conf.all.arp_ignore=1", "net.ipv4.conf.all.arp_announce=2")
         self.ip(name, f"link add vxlan0 address {SERVER_MAC} type vxlan external dstport {VXLAN_PORT} udp6zerocsumrx",
                 "link set vxlan0 up",
-                *(f"addr add {vip(each, family)}/{32 if family == 4 else 128} dev lo"
-                  for family in FAMILIES for each in (1, 2)))
+                *(f"addr add {whole(vip(each, family))} dev lo" for family in FAMILIES for each in (1, 2)))
         self.sysctl(name, "net.ipv4.conf.vxlan0.rp_filter=0")
 
     def ip(self, name, *lines):
@@ -221,48 +220,20 @@ http {{
 
     # The switch
 
-    def host_start(self, *options, packet_filter="auto"):
-        environment = {**os.environ, "FLASHLOGDIR": self.home}
-        self.log = open(f"{self.home}/host.log", "a+", encoding="utf-8")
-        self.host = self.start("switch", f"{self.binaries}/hm-host", "--socket", self.socket,
-                               "--packet-filter", packet_filter, "--interfaces", self.interfaces, *options,
-                               env=environment, stderr=self.log)
-        self.eventually(lambda: self.hmctl("get", STATUS).returncode == 0, "hm-host answers")
-
-    def host_stop(self, how=signal.SIGTERM):
-        self.host.send_signal(how)
-        status = self.host.wait(PATIENCE_SECONDS)
-        self.host = None
-        self.log.close()
-        return status
-
-    def hmctl(self, *arguments, **options):
-        return subprocess.run([f"{self.binaries}/hmctl", "-s", self.socket, *arguments], text=True, capture_output=True,
-                              timeout=PATIENCE_SECONDS, check=False, **options)
-
-    def told(self, *arguments, **options):
-        """The output of an hmctl command that must be obeyed."""
-        answer = self.hmctl(*arguments, **options)
-        if answer.returncode != 0:
-            raise AssertionError(f"hmctl {' '.join(arguments)}: {answer.stderr.strip()}")
-        return answer.stdout
+    def command(self, *options, packet_filter="auto", **place):
+        return super().command("--packet-filter", packet_filter, "--interfaces", self.interfaces, *options, **place)
 
     def document(self, groups, **settings):
-        """groups: name -> (list of servers, probe settings)"""
-        probes = {name: {"timeout": 2, "retryCount": 1, "probeInterval": 0.5, **probe}
-                  for name, (_, probe) in groups.items()}
-        addresses = {
-            "bridging/config": {"bridgeMac": BRIDGE_MAC},
-            "ip/status": {"ipIntfStatus": {f"tunnel{each}": {"ipAddr": source(each, 4)} for each in (0, 1)}},
-            "ip6/status": {"intf": {f"tunnel{each}": {"addr": [f"{source(each, 6)}/128", "fe80::1/64"]}
-                                    for each in (0, 1)}},
-        }
-        return {
-            PROBE_CONFIG: {"monitoringEnabled": True, "nhgProbeConfig": probes, "localTunnelIntf": "tunnel0",
-                           "encapDstMac": SERVER_MAC, "encapUdpDstPort": VXLAN_PORT, **settings},
-            SERVER_CONFIG: {"nhgConfig": {name: {"serverIp": servers} for name, (servers, _) in groups.items()}},
-            **(addresses if self.interfaces == "config" else {}),
-        }
+        document = super().document(groups, **{"localTunnelIntf": "tunnel0", "encapDstMac": SERVER_MAC,
+                                               "encapUdpDstPort": VXLAN_PORT, **settings})
+        if self.interfaces == "config":
+            tunnels = {f"tunnel{each}": each for each in (0, 1)}
+            document["bridging/config"] = {"bridgeMac": BRIDGE_MAC}
+            document["ip/status"] = {"ipIntfStatus": {name: {"ipAddr": source(each, 4)}
+                                                      for name, each in tunnels.items()}}
+            document["ip6/status"] = {"intf": {name: {"addr": [f"{source(each, 6)}/128", "fe80::1/64"]}
+                                               for name, each in tunnels.items()}}
+        return document
 
     def groups(self, number=1, **probe):
         """One group a family behind virtual address `number`, all servers in each."""
@@ -270,44 +241,10 @@ http {{
                                  {"vip": vip(number, family), "httpUrl": url(vip(number, family)), **probe})
                 for family in FAMILIES}
 
-    def apply(self, groups, **settings):
-        self.told("apply", "-", input=json.dumps(self.document(groups, **settings)))
-
-    def published(self):
-        """{ (group, server): (admin state, oper state) } as other agents see it."""
-        groups = json.loads(self.told("get", "--json", STATUS))[STATUS]["nhgProbeStatus"]
-        return {(group, address): (status["adminState"], status["operState"])
-                for group, entry in groups.items() for address, status in entry["serverProbeStatus"].items()}
-
     def states(self, down=()):
         """What should be published for groups(): everybody up, but for the named numbers."""
         return {(f"web{family}", server(number, family)): DOWN if number in down else UP
                 for family in FAMILIES for number in self.numbers}
-
-    def expect(self, wanted):
-        seen = {}
-
-        def reached():
-            seen["last"] = self.published()
-            return seen["last"] == wanted
-        try:
-            self.eventually(reached, "published states")
-        except AssertionError as error:
-            raise AssertionError(f"{error}: {seen.get('last')}, expected {wanted}") from None
-
-    def eventually(self, condition, what, patience=PATIENCE_SECONDS):
-        deadline = time.monotonic() + patience
-        while not condition():
-            if self.host and self.host.poll() is not None:
-                raise AssertionError(f"hm-host ended with status {self.host.returncode}, waiting for: {what}\n"
-                                     f"{self.host_log()}")
-            if time.monotonic() > deadline:
-                raise AssertionError(f"not within {patience} s: {what}\n{self.host_log()}")
-            time.sleep(0.05)
-
-    def host_log(self):
-        with open(f"{self.home}/host.log", encoding="utf-8") as file:
-            return file.read()
 
     def close(self):
         """Ends what runs beside the host; all else goes with this process."""
@@ -316,29 +253,17 @@ http {{
         if self.relay:
             self.relay.stdin.close()
 
+    def rules(self):
+        """The packet-filter rules of the switch, whichever form they have."""
+        return "".join(self.inside("switch", *command.split())
+                       for command in ("nft list ruleset", "iptables-nft -t mangle -S", "ip6tables-nft -t mangle -S"))
+
     # The client
 
     def ping(self, address, count=1, *options):
         """How many of `count` echo requests from the client were answered."""
-        done = subprocess.run(["nsenter", "--net=/run/netns/client", "ping", "-n", "-c", str(count), "-i", "0.2",
-                               "-W", "1", *options, address],
-                              text=True, capture_output=True, timeout=PATIENCE_SECONDS, check=False)
+        done = captured("nsenter", "--net=/run/netns/client", "ping", "-n", "-c", str(count), "-i", "0.2", "-W", "1",
+                        *options, address)
         if " received" not in done.stdout:
             raise RuntimeError(f"ping {address}: {done.stderr.strip() or done.stdout.strip()}")
         return int(done.stdout.split(" received")[0].split()[-1])
-
-
-def url(address):
-    return f"http://[{address}]/" if ":" in address else f"http://{address}/"
-
-
-def stop(process):
-    """Ends a process that we started; returns its exit status."""
-    if process.poll() is None:
-        process.send_signal(signal.SIGTERM)
-        try:
-            process.wait(20)
-        except subprocess.TimeoutExpired:
-            process.kill()
-            process.wait()
-    return process.returncode
