@@ -7,6 +7,7 @@ import subprocess
 import sys
 
 import own_network
+from certificates import Certificates
 from running_host import DOWN, ROOT, SHUT, STATUS, UP, RunningHost, stop
 from telling import Demo, say
 
@@ -19,35 +20,6 @@ GROUPS = {
     "db": ("tcp", ["127.1.3.1", "127.1.3.2"]),
     "mixed": ("http+tcp", ["127.1.4.1"]),
 }
-
-
-class Certificates:
-    """A CA of its own, a certificate for each HTTPS server's address, and one for the prober."""
-
-    def __init__(self):
-        self.openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=Demo CA",
-                     "-keyout", f"{WORK}/ca.key", "-out", f"{WORK}/ca.pem")
-        self.issue("client", "/CN=prober", None)
-        with open(f"{WORK}/client.pem", "a") as pem, open(f"{WORK}/client.key") as key:
-            pem.write(key.read())  # the profile names one file with both
-        for address in GROUPS["secure"][1]:
-            self.issue(address, f"/CN={address}", f"subjectAltName=IP:{address}")
-
-    def issue(self, name, subject, extension):
-        request = ["req", "-newkey", "rsa:2048", "-nodes", "-subj", subject, "-keyout", f"{WORK}/{name}.key",
-                   "-out", f"{WORK}/{name}.csr"]
-        self.openssl(*request)
-        sign = ["x509", "-req", "-in", f"{WORK}/{name}.csr", "-CA", f"{WORK}/ca.pem", "-CAkey", f"{WORK}/ca.key",
-                "-CAcreateserial", "-days", "2", "-out", f"{WORK}/{name}.pem"]
-        if extension:
-            with open(f"{WORK}/{name}.ext", "w") as file:
-                file.write(extension + "\n")
-            sign += ["-extfile", f"{WORK}/{name}.ext"]
-        self.openssl(*sign)
-
-    @staticmethod
-    def openssl(*arguments):
-        subprocess.run(["openssl", *arguments], check=True, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
 
 
 class Server:
@@ -123,7 +95,7 @@ class PlainDemo(Demo):
         os.makedirs(WORK, mode=0o755)
         self.switch = Switch()
         say("making a CA and certificates ...")
-        Certificates()
+        Certificates(WORK, GROUPS["secure"][1])
         say("starting nginx servers ...")
         for kind, addresses in GROUPS.values():
             for address in addresses:

@@ -6,7 +6,8 @@ import unittest
 
 from host_case import RunningCase
 from running_host import DOWN, PROBE_CONFIG, SHUT, STATUS, UP
-from servers import OK, http
+from certificates import Certificates
+from servers import OK, TlsServer, http
 
 
 class Health(RunningCase):
@@ -52,6 +53,22 @@ class Health(RunningCase):
         server.answer = http(b"503 Busy", b"drain")
         self.more_checks(server, 4)
         self.assertEqual(self.published(), {("web", "127.2.1.1"): UP})
+
+    def test_profiles_decide_whom_to_trust(self):
+        Certificates(self.home, ["127.2.1.1"])
+        server = self.server("127.2.1.1", kind=TlsServer)
+        server.certificates = self.home
+        client = {"state": "valid", "certFilePath": f"{self.home}/client.pem"}
+        self.configure({"mgmt/security/ssl/status": {"profileStatus": {
+            "ours": {**client, "caFilePath": f"{self.home}/ca.pem"},
+            "others": {**client, "caFilePath": f"{self.home}/client.pem"}}}})
+        url = server.url("https")
+        groups = {"own": ([server.address], {"httpUrl": url, "sslProfile": "ours"}),
+                  "all": ([server.address], {"httpUrl": url})}
+        own, common = ("own", "127.2.1.1"), ("all", "127.2.1.1")
+        for profile, state in (("ours", UP), ("others", DOWN), ("ours", UP)):
+            self.apply(groups, sslProfile=profile)
+            self.expect({own: UP, common: state})
 
     def test_an_attempt_that_may_be_repeated_takes_nobody_down(self):
         server = self.server("127.2.1.1")

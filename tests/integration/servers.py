@@ -1,6 +1,7 @@
 """Servers that answer, fail and misbehave on command, one thread each."""
 
 import socket
+import ssl
 import struct
 import threading
 
@@ -81,3 +82,19 @@ class Server:
                     connection.recv(1)
             except OSError:
                 pass
+
+
+class TlsServer(Server):
+    """Asks every client for a certificate of the same CA. `certificates` is their folder."""
+
+    certificates = None
+
+    def converse(self, connection):
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(f"{self.certificates}/{self.address}.pem", f"{self.certificates}/{self.address}.key")
+        context.load_verify_locations(f"{self.certificates}/ca.pem")
+        context.verify_mode = ssl.CERT_REQUIRED
+        try:
+            super().converse(context.wrap_socket(connection, server_side=True))
+        except OSError:
+            connection.close()

@@ -1,5 +1,6 @@
 """State that outlives the process: killed hosts, full disks, and a Redis server that others write too."""
 
+import contextlib
 import ctypes
 import json
 import os
@@ -53,11 +54,17 @@ class Sqlite(StateCase):
         return entries, int(json.loads(rows[PROBE_CONFIG])["encapUdpDstPort"])
 
     def load(self, acknowledged):
-        """Counts a configured port up, one `hmctl set` after the other, until the host has gone."""
-        while True:
-            if self.hmctl("set", PROBE_CONFIG, "encapUdpDstPort", str(acknowledged[0] + 1)).returncode != 0:
-                return
-            acknowledged[0] += 1
+        """Counts a configured port up until the host has gone."""
+        with socket.socket(socket.AF_UNIX) as client, contextlib.suppress(ConnectionError):
+            client.connect(self.socket)
+            answers = client.makefile("rb")
+            while True:
+                client.sendall(json.dumps({"command": "set", "path": PROBE_CONFIG, "attribute": "encapUdpDstPort",
+                                           "value": str(acknowledged[0] + 1)}).encode() + b"\n")
+                if b'"done":true' not in answers.readline():
+                    return
+                acknowledged[0] += 1
+                time.sleep(0.005)  # the ports are to last
 
     def test_killed_at_any_moment(self):
         steady, moody = self.server(), self.server("0.0.0.0", kind=Moody)
@@ -301,6 +308,7 @@ class Redis(StateCase):
         self.eventually(lambda: self.redis("EXISTS", "hm:heartbeat") == "1", "it comes back")
         self.host_stop()
         self.assertEqual(self.redis("EXISTS", "hm:heartbeat"), "0")
+        self.assertNotIn("cmdstat_keys:", self.redis("INFO", "commandstats"))  # which would stop the server for others
 
     def test_writers(self):
         self.hostAndGroup()
@@ -336,10 +344,22 @@ class Redis(StateCase):
                 self.assertEqual(self.config(), before)
                 refusals += 1
                 self.assertGreaterEqual(self.get("host/status")["stateRefusals"], refusals)
+                if name == "a value":
+                    self.assertIn("probeInterval", self.get("host/status")["lastConfigurationError"])
         # What others write over the published state is put back.
         entry = f"{STATUS}/nhgProbeStatus/db/serverProbeStatus/::1"
         self.redis("DEL", f"hm:{entry}")
         self.eventually(lambda: "operState" in self.hash(entry), "put back")
+
+    def test_another_database_over_tcp(self):
+        self.redisStop()
+        self.redisStart("--port", "6379")
+        self.url = "redis://127.0.0.1:6379/3"
+        self.host_start()
+        self.apply({"web": self.server().group()})
+        state = ("-n", "3", "HGET", f"hm:{self.entry}", "operState")
+        self.eventually(lambda: self.redis(*state) == "up", "it is published")
+        self.assertEqual(self.redis("DBSIZE"), "0")
 
     def test_hostile_content(self):
         self.hostAndGroup()
@@ -409,7 +429,7 @@ class Redis(StateCase):
         asking = socket.socket(socket.AF_UNIX)
         self.addCleanup(asking.close)
         asking.connect(self.redisSocket)
-        for kill in range(6):
+        for kill in range(4):
             kind = "ba"[kill % 2]
             turn = self.ask(asking, "GET", "hm:turn")
             applying = threading.Thread(target=self.hmctl, args=("apply", "-"),
