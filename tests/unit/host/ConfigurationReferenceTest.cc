@@ -110,8 +110,9 @@ TEST_F( Reference, SaysWhatTheEntitiesSay ) {
 
 TEST_F( Reference, ExamplesAreAccepted ) {
    int count = 0;
-   for ( const auto & file : std::filesystem::directory_iterator( HM_SOURCE_DIR "/examples" ) ) {
+   for ( const auto & file : std::filesystem::recursive_directory_iterator( HM_SOURCE_DIR "/examples" ) ) {
       if ( file.path().extension() == ".yaml" ) {
+         SCOPED_TRACE( file.path() );
          std::ifstream stream( file.path() );
          checked( { std::istreambuf_iterator<char>( stream ), {} } );
          ++count;

@@ -14,6 +14,8 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
+const std::string published = "healthMonitor/status/serverStatus";
+
 const Schema & testSchema() {
    static const State state;
    return *state.schema;
@@ -35,6 +37,11 @@ TEST( Document, IsRefusedWithFileLinePathAndAttribute ) {
          { groups + "/web:\n  serverIp: 10.1.1.1\n",
                "f.yaml:2: " + groups +
                      "/web: serverIp: expected a sequence of IP address, found a single value" },
+         { probe + ":\n  responseCodeRule: { pattern: \"5[0\" }\n",
+               "f.yaml:2: " + probe +
+                     "/responseCodeRule: pattern: \"5[0\": bad regular expression: a bracket is not closed" },
+         { groups + "/web:\n  serverIp:\n    - 10.1.1.1\n    - 10.1.1\n",
+               "f.yaml:4: " + groups + "/web: serverIp: \"10.1.1\": expected an IPv4 or IPv6 address" },
          { servers + ":\n  nhgConfig: [ web ]\n",
                "f.yaml:2: " + servers + ": nhgConfig: expected a map by text, found a sequence" },
          { probe + ": on\n", "f.yaml:1: " + probe + ": expected a map of attributes, found a single value" },
@@ -46,6 +53,7 @@ TEST( Document, IsRefusedWithFileLinePathAndAttribute ) {
                "f.yaml:3: " + groups + "/web: serverIp: \"2001:0DB8:0::1\" stands here twice" },
          { probe + ": {}\n" + web + ": {}\n", "f.yaml:2: " + web + ": overlaps " + probe + " on line 1" },
          { web + ": {}\n" + probe + ": {}\n", "f.yaml:2: " + probe + ": overlaps " + web + " on line 1" },
+         { published + ": {}\n", "f.yaml:1: " + published + ": is written by the host and its agent only" },
          { "host/status: {}\n", "f.yaml:1: host/status: is written by the host and its agent only" },
          { probe + ":\n  nhgProbeConfig: { web\n", "f.yaml:3: YAML: end of map flow not found" },
          { "", "f.yaml: names no path" },
@@ -149,6 +157,8 @@ TEST( SingleChange, IsCheckedAsDocumentsAre ) {
       return ChangeRequest{ .kind = ChangeRequest::Kind::remove, .path = path, .value = key };
    };
    const std::pair<ChangeRequest, std::string> changes[] = {
+         { setting( published, "monitoringEnabled", "true" ),
+               published + ": is written by the host and its agent only" },
          { setting( "ip/status/", "x", "1" ), "ip/status has no attribute \"\"" },
          { setting( probe, "probeInterval", "0" ),
                probe + ": probeInterval: \"0\": out of range 0.1..86400" },
@@ -157,6 +167,10 @@ TEST( SingleChange, IsCheckedAsDocumentsAre ) {
                      "/responseCodeRule" },
          { setting( "ip6/status/intf/Lo%2", "addr", "::1" ),
                "ip6/status/intf: key \"Lo%2\": is not escaped well" },
+         { setting( "ip6/status/intf/Lo", "addr", "::1/129" ),
+               "ip6/status/intf/Lo: addr: \"::1/129\": expected an IP address, \"/\" and a prefix length" },
+         { setting( probe + "/nhgProbeConfig/web", "vip", "10.1.1.256" ),
+               probe + "/nhgProbeConfig/web: vip: \"10.1.1.256\": expected an IPv4 or IPv6 address" },
          { setting( "ip/status/ipIntfStatus/%FF", "ipAddr", "" ),
                "ip/status/ipIntfStatus: key \"%FF\": is not UTF-8 text" },
          { setting( servers + "/nhgConfig/" + std::string( 256, 'x' ), "serverIp", "::1" ),

@@ -183,6 +183,8 @@ TEST_F( Programs, TellRefusalWrongUsageAndNoHostApart ) {
       EXPECT_EQ( ended.status, row.status ) << ended.errors;
       EXPECT_TRUE( row.errors.empty() || ended.errors == row.errors ) << ended.errors;
    }
+   EXPECT_THAT( ctl( { "get", "host/status/lastConfigurationError" } ).output,
+         HasSubstr( ":1: no such path: x" ) ); // of the last change, not of what was asked since
    EXPECT_EQ( ctl( { "apply", "-" }, std::string( 17u << 20, '#' ) ).errors,
          "the document is larger than 16777216 bytes\n" );
 }

@@ -49,11 +49,14 @@ TEST_F( ConfigFiles, SettingsHaveTheirDefaultsBoundsAndForms ) {
   ttl: 1
   check-type: tcp
   check-port: " 08080x"
+- name: d
+  ttl: 1
+  check-type: https
 )",
          "threads.max: 32\nconnectiontimeout: 2000\nca-file: /ca\ncert-file: /cert\n" );
    ASSERT_TRUE( config ) << error;
    EXPECT_EQ( config->threads, 32u );
-   ASSERT_EQ( config->groups.size(), 3u );
+   ASSERT_EQ( config->groups.size(), 4u );
    const netchasm::HostGroup & a = config->groups[0].settings;
    EXPECT_EQ( a.timeout, netchasm::defaultTimeout );
    EXPECT_EQ( a.connectTimeout, std::chrono::seconds{ 2 } );
@@ -61,12 +64,15 @@ TEST_F( ConfigFiles, SettingsHaveTheirDefaultsBoundsAndForms ) {
    const netchasm::HostGroup & b = config->groups[1].settings;
    EXPECT_TRUE( b.needsMark );
    EXPECT_FALSE( b.verifyPeer );
+   EXPECT_EQ( b.port, 443 );
    EXPECT_EQ( b.caFile, "/own" );
    EXPECT_EQ( b.certFile, "/cert" );
    EXPECT_EQ( b.interval, netchasm::minInterval );
    EXPECT_EQ( b.connectTimeout, std::chrono::milliseconds{ 500 } );
    EXPECT_EQ( b.authority( ip( "2001:db8::1" ) ), "[2001:db8::1]" ); // without its default port
    EXPECT_EQ( config->groups[2].settings.authority( ip( "::1" ) ), "[::1]:8080" );
+   EXPECT_EQ( config->groups[3].settings.caFile, "/ca" );
+   EXPECT_TRUE( config->groups[3].settings.verifyPeer );
 }
 
 TEST_F( ConfigFiles, NoHostFileMeansNoGroups ) {
