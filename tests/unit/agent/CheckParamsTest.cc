@@ -57,4 +57,11 @@ TEST( TcpUrl, GivesItsLastTokenAsPort ) {
    }
 }
 
+TEST( CheckParams, AreTrueAsSoonAsOneFieldIsThere ) {
+   EXPECT_FALSE( none );
+   for ( const auto & params : { NetCHASMCheckParams{ "tcp", "", "" }, { "", "/", "" }, { "", "", "80" } } ) {
+      EXPECT_TRUE( params ) << params.checkType << params.checkInfo << params.checkPort;
+   }
+}
+
 } // namespace

@@ -213,8 +213,12 @@ TEST_F( UpdateCycle, YieldingBeforeEveryItemChangesNothing ) {
    EXPECT_EQ( sliced, inOneGo );
 }
 
-TEST_F( UpdateCycle, EndsOnlyWhenTheCommandThreadHasTakenEverythingAndLooksEveryFiveSeconds ) {
+TEST_F( UpdateCycle, EndsAndFreesMarksOnlyWhenTheCommandThreadHasTakenEverythingAndLooksEveryFiveSeconds ) {
    probeConfig_->probeIntervalIs( Seconds{ 7.9 } );
+   data_->serverIpToMarkIs( ip( "10.1.1.1" ) )->markIs( 1 );
+   data_->markToServerIpIs( 1, ip( "10.1.1.1" ) );
+   data_->serverMarkBitmap()->setBit( 1 );
+   data_->delMarkPendingListIs( ip( "10.1.1.1" ) );
    beginCycle();
    runSlices();
    for ( int i = 0; i < 3; ++i ) {
@@ -223,6 +227,7 @@ TEST_F( UpdateCycle, EndsOnlyWhenTheCommandThreadHasTakenEverythingAndLooksEvery
       clock_.advance( std::chrono::milliseconds( 1 ) );
       EXPECT_EQ( runSlices(), 1 );
       EXPECT_EQ( data_->configPhase(), ConfigPhase::netChasmInfoProcessing );
+      EXPECT_TRUE( data_->serverMarkBitmap()->bit( 1 ) );
    }
    EXPECT_EQ( data_->probeInterval(), 0u );
    takeCommands();
@@ -230,6 +235,7 @@ TEST_F( UpdateCycle, EndsOnlyWhenTheCommandThreadHasTakenEverythingAndLooksEvery
    runSlices();
    EXPECT_EQ( data_->configPhase(), ConfigPhase::backlogProcessing );
    EXPECT_EQ( data_->probeInterval(), 7u );
+   EXPECT_FALSE( data_->serverMarkBitmap()->bit( 1 ) );
 }
 
 using UpdateCycleDeathTest = UpdateCycle;

@@ -61,6 +61,12 @@ TEST( Entity, SettersNotifyOnceAndOnlyOnChange ) {
    recorder->follow( config, ProbeConfig::nhgProbeConfigAttr() );
    config->globalUrlIs( "http://10.0.0.1/" );
    config->globalUrlIs( "http://10.0.0.1/" );
+   {
+      const EntityUpdate update( *config );
+      config->globalUrlIs( "http://10.0.0.2/" );
+      config->globalUrlIs( "http://10.0.0.3/" );
+      EXPECT_EQ( recorder->seen.size(), 1u );
+   }
    config->probeIntervalIs( Seconds{ 7 } );
    const auto entry = config->nhgProbeConfigIs( "web" );
    EXPECT_EQ( config->nhgProbeConfigIs( "web" ), entry );
@@ -68,7 +74,8 @@ TEST( Entity, SettersNotifyOnceAndOnlyOnChange ) {
    config->nhgProbeConfigDel( "web" );
    recorder->notificationsEnabledIs( false );
    config->globalUrlIs( "" );
-   EXPECT_THAT( recorder->seen, ElementsAre( "globalUrl", "nhgProbeConfig web", "nhgProbeConfig web" ) );
+   EXPECT_THAT( recorder->seen,
+         ElementsAre( "globalUrl", "globalUrl", "nhgProbeConfig web", "nhgProbeConfig web" ) );
 }
 
 TEST( Entity, CollectionsMayChangeWhileTheyAreWalked ) {
