@@ -49,7 +49,7 @@ std::size_t yamlBytes( std::string_view text ) {
    return bytes;
 }
 
-const AttributeContent nothingSaid{};
+const AttributeContent noContent{};
 
 const AttributeContent * attributeOf( const EntityContent & content, const AttributeInfo & attribute ) {
    const auto found = std::ranges::find_if(
@@ -64,7 +64,7 @@ const AttributeContent * allOf( const ChangeSection & section, const AttributeIn
    }
    if ( section.kind == ChangeSection::Kind::entity ) {
       const auto * said = attributeOf( section.entity, collection );
-      return said ? said : &nothingSaid;
+      return said ? said : &noContent;
    }
    const bool named =
          section.kind == ChangeSection::Kind::attribute && section.place.attribute == &collection;
@@ -168,7 +168,7 @@ void CrossCheck::groupSaid( bool ofServers, const std::string & name, const Enti
    Group & group = groups_[name];
    concerned_ = true;
    if ( ofServers ) {
-      group.servers = &nothingSaid;
+      group.servers = &noContent;
    } else {
       group.httpUrlBytes = 0;
       group.tcp = group.profile = false;
